@@ -1,0 +1,13 @@
+#pragma once
+
+#include <QDateTime>
+
+#include <cstdint>
+
+namespace kx {
+
+// A Windows FILETIME (100 ns units since 1601-01-01 UTC) at whole-second precision.
+// Dates before 1601, and dates that cannot be read, give 0.
+std::uint64_t fileTime(const QDateTime &date);
+
+} // namespace kx

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QByteArray>
+
+// Receiver of dispatched frames: one handler per frame type, each given the payload
+// (the frame without its type byte). The session engine implements it.
+class FrameHandler
+{
+public:
+    virtual ~FrameHandler() = default;
+    virtual void handleFormListRespose(const QByteArray &payload) = 0;
+    virtual void handleDataRequest(const QByteArray &payload) = 0;
+    virtual void handleContentRequest(const QByteArray &payload) = 0;
+    virtual void handleContentResponse(const QByteArray &payload) = 0;
+    virtual void handleFormatDataResponse(const QByteArray &payload) = 0;
+};

@@ -1,0 +1,104 @@
+#include "KXFileManager.h"
+
+#include <QFileInfo>
+#include <QLoggingCategory>
+
+Q_LOGGING_CATEGORY(lcFileManager, "kx.storage")
+
+KXFileManager *KXFileManager::shared()
+{
+    static KXFileManager *instance = new KXFileManager;
+    return instance;
+}
+
+void KXFileManager::setDelegate(KXFileManagerDelegate *delegate)
+{
+    m_delegate = delegate;
+    m_delegateGuard = dynamic_cast<QObject *>(delegate);
+}
+
+KXFileManagerDelegate *KXFileManager::delegate() const
+{
+    return m_delegateGuard ? m_delegate : nullptr;
+}
+
+void KXFileManager::setFolderChooser(std::unique_ptr<FolderChooser> chooser)
+{
+    m_chooser = std::move(chooser);
+}
+
+void KXFileManager::chooseDestinationFolder()
+{
+    const FolderChoice choice = m_chooser ? m_chooser->runModal() : FolderChoice{};
+    if (!choice.confirmed) {
+        qCInfo(lcFileManager).noquote() << "用户取消选择文件";
+        if (auto *d = delegate())
+            d->folderChoiceCancelled();
+        return;
+    }
+    if (!choice.url) {
+        if (auto *d = delegate())
+            d->folderChoiceCancelled();
+        return;
+    }
+    const QString path = choice.url->toLocalFile();
+    qCInfo(lcFileManager).noquote().nospace() << "选择的文件路径：" << path;
+    auto *d = delegate();
+    if (!d)
+        return;
+    if (path.isEmpty())
+        d->folderChoiceCancelled();
+    else
+        d->folderChosen(*choice.url);
+}
+
+std::uint64_t KXFileManager::fileSizeAtPath(const QString &path) const
+{
+    if (path.isEmpty())
+        return 0;
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        qCInfo(lcFileManager).noquote().nospace() << "Cannot read the attributes of " << path;
+        return 0;
+    }
+    const std::uint64_t size = std::uint64_t(info.size());
+    qCInfo(lcFileManager).noquote().nospace() << "File size: " << size << " bytes";
+    return size;
+}
+
+QString KXFileManager::dateText(const QDateTime &date)
+{
+    return date.toUTC().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss +0000"));
+}
+
+QDateTime KXFileManager::creationDateAtPath(const QString &path) const
+{
+    if (path.isEmpty())
+        return QDateTime::currentDateTimeUtc();
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        qCInfo(lcFileManager).noquote().nospace() << "Cannot read the attributes of " << path;
+        return QDateTime::currentDateTimeUtc();
+    }
+    // File systems without a birth time (tmpfs, some network mounts) get the
+    // modification time: the nearest true date, where "now" would be a made-up one.
+    QDateTime date = info.birthTime();
+    if (!date.isValid())
+        date = info.lastModified();
+    qCInfo(lcFileManager).noquote().nospace() << "Creation date: " << dateText(date);
+    return date;
+}
+
+QDateTime KXFileManager::modificationDateAtPath(const QString &path) const
+{
+    if (path.isEmpty())
+        return QDateTime::currentDateTimeUtc();
+    const QFileInfo info(path);
+    if (!info.exists() || !info.lastModified().isValid()) {
+        qCInfo(lcFileManager).noquote().nospace() << "Cannot read the attributes of " << path;
+        return QDateTime::currentDateTimeUtc();
+    }
+    const QDateTime date = info.lastModified();
+    qCInfo(lcFileManager).noquote().nospace() << "modificationDate date: " << dateText(date);
+    return date;
+}

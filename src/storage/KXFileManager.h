@@ -1,0 +1,40 @@
+#pragma once
+
+#include "FolderChooser.h"
+#include "KXFileManagerDelegate.h"
+
+#include <QDateTime>
+#include <QPointer>
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+
+// Asks the user for a download's destination folder and reads the size and dates of
+// local files for the transfer code. One shared instance for the process.
+class KXFileManager
+{
+public:
+    static KXFileManager *shared();
+
+    // The delegate must be a QObject as well, so that a destroyed delegate is never called.
+    void setDelegate(KXFileManagerDelegate *delegate);
+    KXFileManagerDelegate *delegate() const;
+
+    void setFolderChooser(std::unique_ptr<FolderChooser> chooser);
+
+    void chooseDestinationFolder();
+    std::uint64_t fileSizeAtPath(const QString &path) const;
+    QDateTime creationDateAtPath(const QString &path) const;
+    QDateTime modificationDateAtPath(const QString &path) const;
+
+    // The text form of a date in the log lines: "2020-01-01 00:00:00 +0000".
+    static QString dateText(const QDateTime &date);
+
+private:
+    KXFileManager() = default;
+
+    KXFileManagerDelegate *m_delegate = nullptr;
+    QPointer<QObject> m_delegateGuard;
+    std::unique_ptr<FolderChooser> m_chooser;
+};

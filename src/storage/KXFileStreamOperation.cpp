@@ -1,0 +1,367 @@
+#include "KXFileStreamOperation.h"
+
+#include <QCborArray>
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QRandomGenerator>
+#include <QStandardPaths>
+#include <QUuid>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Q_LOGGING_CATEGORY(lcStream, "kx.stream")
+
+namespace {
+
+// The remote side chooses how much it asks for; one answer never holds more than this,
+// so a hostile request cannot make us allocate gigabytes. Shorter answers are legal.
+constexpr std::uint64_t maxReadLength = 64ull * 1024 * 1024;
+
+bool writeAll(int fd, const char *data, std::uint64_t size, std::uint64_t offset)
+{
+    while (size > 0) {
+        const ssize_t written = ::pwrite(fd, data, size, off_t(offset));
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (written == 0)
+            return false;
+        data += written;
+        size -= std::uint64_t(written);
+        offset += std::uint64_t(written);
+    }
+    return true;
+}
+
+std::optional<QByteArray> readAt(int fd, std::uint64_t offset, std::uint64_t length)
+{
+    if (fd < 0)
+        return std::nullopt;
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return std::nullopt;
+    if (S_ISDIR(st.st_mode))
+        return std::nullopt;
+    const std::uint64_t size = std::uint64_t(st.st_size);
+    if (S_ISREG(st.st_mode)) {
+        if (offset >= size)
+            return QByteArray();
+        length = std::min(length, size - offset);
+    }
+    length = std::min(length, maxReadLength);
+    QByteArray data(qsizetype(length), Qt::Uninitialized);
+    std::uint64_t done = 0;
+    while (done < length) {
+        const ssize_t got = ::pread(fd, data.data() + done, length - done, off_t(offset + done));
+        if (got < 0) {
+            if (errno == EINTR)
+                continue;
+            return std::nullopt;
+        }
+        if (got == 0)
+            break;
+        done += std::uint64_t(got);
+    }
+    data.truncate(qsizetype(done));
+    return data;
+}
+
+std::uint64_t offsetInFileOf(int fd)
+{
+    if (fd < 0)
+        return 0;
+    const off_t at = ::lseek(fd, 0, SEEK_CUR);
+    return at < 0 ? 0 : std::uint64_t(at);
+}
+
+} // namespace
+
+KXFileStreamOperation::~KXFileStreamOperation()
+{
+    closeFile();
+}
+
+KXFileStreamOperation &KXFileStreamOperation::sharedOperation()
+{
+    static KXFileStreamOperation *instance = new KXFileStreamOperation;
+    return *instance;
+}
+
+QString KXFileStreamOperation::fileKey()
+{
+    const QByteArray uuidText = QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toLatin1();
+    const QByteArray digest = QCryptographicHash::hash(uuidText, QCryptographicHash::Md5);
+    return QString::fromLatin1(digest.toHex())
+        + QStringLiteral("%1").arg(QRandomGenerator::global()->generate(), 8, 16, QLatin1Char('0'));
+}
+
+QString KXFileStreamOperation::removeTrailingSlash(const QString &string)
+{
+    qsizetype begin = 0;
+    qsizetype end = string.size();
+    while (begin < end && string.at(begin) == QLatin1Char('/'))
+        ++begin;
+    while (end > begin && string.at(end - 1) == QLatin1Char('/'))
+        --end;
+    return string.mid(begin, end - begin);
+}
+
+QString KXFileStreamOperation::getFullPathWithWindowsPath(const QString &windowsPath, const QString &basePath)
+{
+    QString relative;
+    for (const QString &component : windowsPath.split(QLatin1Char('\\')))
+        relative += QLatin1Char('/') + component;
+    return basePath + QLatin1Char('/') + removeTrailingSlash(relative);
+}
+
+QString KXFileStreamOperation::getMacPathFromWindowsPath(const QString &windowsPath, const QString &basePath)
+{
+    const QString base = basePath.isEmpty() ? downloadDirectory() : basePath;
+    qCInfo(lcStream).noquote().nospace() << "cachesDirectory:" << base;
+    return getFullPathWithWindowsPath(windowsPath, base);
+}
+
+void KXFileStreamOperation::createFolder(const QString &windowsPath, const QString &basePath)
+{
+    const QStringList components = windowsPath.split(QLatin1Char('\\'));
+    qCInfo(lcStream).noquote().nospace() << "windowsPath:" << windowsPath;
+    qCInfo(lcStream).noquote().nospace() << "arr.clount:" << components.size();
+    QString running;
+    for (qsizetype i = 0; i + 1 < components.size(); ++i) {
+        const QString &component = components.at(i);
+        qCInfo(lcStream).noquote().nospace() << "string:" << component;
+        running += QLatin1Char('/') + component;
+        qCInfo(lcStream).noquote().nospace() << "fullPath:" << running;
+        QString base = basePath;
+        while (base.size() > 1 && base.endsWith(QLatin1Char('/')))
+            base.chop(1);
+        const QString folder = base + QLatin1Char('/') + removeTrailingSlash(running);
+        if (QFileInfo::exists(folder)) {
+            qCInfo(lcStream).noquote().nospace() << "文件夹已经存在:" << folder;
+            continue;
+        }
+        qCInfo(lcStream).noquote().nospace() << "文件夹不存在需要创建这个文件夹:" << folder;
+        if (!QDir().mkpath(folder))
+            qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << "could not create " << folder;
+    }
+}
+
+QString KXFileStreamOperation::cachesDirectory()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::CacheLocation);
+}
+
+QString KXFileStreamOperation::desktopDirectory()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DesktopLocation);
+}
+
+QString KXFileStreamOperation::downloadDirectory()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
+}
+
+bool KXFileStreamOperation::getFileInfoAtPath(const QString &path)
+{
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        qCInfo(lcStream).noquote().nospace() << "文件不存在：" << path;
+        return false;
+    }
+    filePath = path;
+    fileSize = std::uint64_t(info.size());
+    fileName = info.fileName();
+    return true;
+}
+
+std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationAtPath(const QString &path, bool write,
+                                                                                      const QString &basePath)
+{
+    auto operation = std::make_unique<KXFileStreamOperation>();
+    if (!write) {
+        if (!operation->getFileInfoAtPath(path))
+            return nullptr;
+        operation->m_readFd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+        return operation;
+    }
+
+    QString base = downloadDirectory();
+    if (!basePath.isEmpty()) {
+        operation->basePath = basePath;
+        base = basePath;
+    }
+    qCInfo(lcStream).noquote().nospace() << "cachesDirectory:" << base;
+    createFolder(path, base);
+    const QString fullPath = getFullPathWithWindowsPath(path, base);
+    qCInfo(lcStream).noquote().nospace() << "将要创建这个文件path：" << fullPath;
+    const QFileInfo existing(fullPath);
+    if (existing.exists() || existing.isSymLink()) {
+        qCInfo(lcStream).noquote().nospace() << "fileMgr 先删除path:" << fullPath;
+        // Only files and links are replaced: a folder of the same name is the user's data.
+        if (!existing.isDir() || existing.isSymLink())
+            QFile::remove(fullPath);
+        qCInfo(lcStream).noquote().nospace() << "fileMgr 创建path:" << fullPath;
+    } else {
+        qCInfo(lcStream).noquote().nospace() << "没有这个文件直接创建path:" << fullPath;
+    }
+    const int fd = ::open(QFile::encodeName(fullPath).constData(),
+                          O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (!operation->getFileInfoAtPath(fullPath) || fd < 0) {
+        if (fd >= 0)
+            ::close(fd);
+        return nullptr;
+    }
+    qCInfo(lcStream).noquote().nospace() << "创建path成功：" << fullPath;
+    operation->m_writeFd = fd;
+    return operation;
+}
+
+std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationAtPath(const QString &path,
+                                                                                      std::int64_t fileSegmentSize,
+                                                                                      bool forReadOperation)
+{
+    auto operation = std::make_unique<KXFileStreamOperation>();
+    operation->isReadOperation = forReadOperation;
+    const QByteArray nativePath = QFile::encodeName(path);
+    if (forReadOperation) {
+        if (!operation->getFileInfoAtPath(path))
+            return nullptr;
+        operation->m_readFd = ::open(nativePath.constData(), O_RDONLY | O_CLOEXEC);
+        operation->cutFileForFragments(fileSegmentSize);
+        return operation;
+    }
+    // An existing file is kept as it is: this initializer resumes, it does not replace.
+    const int fd = ::open(nativePath.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (!operation->getFileInfoAtPath(path)) {
+        if (fd >= 0)
+            ::close(fd);
+        return nullptr;
+    }
+    operation->m_writeFd = fd;
+    return operation;
+}
+
+std::optional<QByteArray> KXFileStreamOperation::readDateOffSet(std::uint64_t offset, std::uint64_t length) const
+{
+    return readAt(m_readFd, offset, length);
+}
+
+bool KXFileStreamOperation::writeDateOffSet(std::uint64_t offset, const QByteArray &data)
+{
+    if (m_writeFd < 0)
+        return false;
+    return writeAll(m_writeFd, data.constData(), std::uint64_t(data.size()), offset);
+}
+
+void KXFileStreamOperation::cutFileForFragments(std::int64_t segmentSize)
+{
+    const std::uint64_t segment = std::uint64_t(segmentSize);
+    QList<KXFileFragment> fragments;
+    fragments.reserve(10);
+    if (fileSize > 0) {
+        const std::uint64_t count = segment == 0 ? 1 : fileSize / segment + (fileSize % segment ? 1 : 0);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            KXFileFragment fragment;
+            fragment.fragmentId = fileKey();
+            fragment.fragementOffset = segment == 0 ? 0 : i * segment;
+            fragment.fragmentSize = i + 1 == count ? fileSize - fragment.fragementOffset : segment;
+            fragments.append(fragment);
+        }
+    }
+    fileFragments = fragments;
+}
+
+std::optional<QByteArray> KXFileStreamOperation::readDateOfFragment(const std::optional<KXFileFragment> &fragment) const
+{
+    if (!fragment)
+        return std::nullopt;
+    return readDateOffSet(fragment->fragementOffset, fragment->fragmentSize);
+}
+
+std::optional<QByteArray> KXFileStreamOperation::readDataOfLength(std::uint64_t length)
+{
+    const auto data = readAt(m_readFd, offsetInFileOf(m_readFd), length);
+    if (data)
+        ::lseek(m_readFd, off_t(data->size()), SEEK_CUR);
+    return data;
+}
+
+std::optional<QByteArray> KXFileStreamOperation::readDataToEndOfFile()
+{
+    return readDataOfLength(std::numeric_limits<std::uint64_t>::max());
+}
+
+bool KXFileStreamOperation::writeData(const QByteArray &data)
+{
+    if (m_writeFd < 0)
+        return false;
+    const std::uint64_t at = offsetInFileOf(m_writeFd);
+    if (!writeAll(m_writeFd, data.constData(), std::uint64_t(data.size()), at))
+        return false;
+    ::lseek(m_writeFd, off_t(at + std::uint64_t(data.size())), SEEK_SET);
+    return true;
+}
+
+void KXFileStreamOperation::seekToFileOffset(std::uint64_t offset)
+{
+    if (m_readFd >= 0)
+        ::lseek(m_readFd, off_t(offset), SEEK_SET);
+}
+
+std::uint64_t KXFileStreamOperation::offsetInFile() const
+{
+    return offsetInFileOf(isReadOperation ? m_readFd : m_writeFd);
+}
+
+std::uint64_t KXFileStreamOperation::seekToEndOfFile()
+{
+    const int fd = isReadOperation ? m_readFd : m_writeFd;
+    if (fd < 0)
+        return 0;
+    const off_t end = ::lseek(fd, 0, SEEK_END);
+    return end < 0 ? 0 : std::uint64_t(end);
+}
+
+void KXFileStreamOperation::closeFile()
+{
+    if (m_readFd >= 0) {
+        ::close(m_readFd);
+        m_readFd = -1;
+    } else if (m_writeFd >= 0) {
+        ::close(m_writeFd);
+        m_writeFd = -1;
+    }
+}
+
+QCborMap KXFileStreamOperation::encode() const
+{
+    QCborArray fragments;
+    for (const KXFileFragment &fragment : fileFragments)
+        fragments.append(fragment.encode());
+    QCborMap archive;
+    archive.insert(QStringLiteral("fileName"), fileName);
+    archive.insert(QStringLiteral("fileSize"), qint64(fileSize));
+    archive.insert(QStringLiteral("filePath"), filePath);
+    archive.insert(QStringLiteral("fileFragments"), fragments);
+    return archive;
+}
+
+std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::decode(const QCborMap &archive)
+{
+    auto operation = std::make_unique<KXFileStreamOperation>();
+    operation->fileName = archive.value(QStringLiteral("fileName")).toString();
+    operation->fileSize = std::uint64_t(archive.value(QStringLiteral("fileSize")).toInteger());
+    operation->filePath = archive.value(QStringLiteral("filePath")).toString();
+    for (const QCborValue &value : archive.value(QStringLiteral("fileFragments")).toArray())
+        operation->fileFragments.append(KXFileFragment::decode(value.toMap()));
+    return operation;
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "KXFileFragment.h"
+
+#include <QByteArray>
+#include <QCborMap>
+#include <QList>
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+// Random access to one local file: created for writing a file that arrives from the
+// remote side (its remote Windows-style path mapped under a base folder), or opened for
+// reading a local file that the remote side fetches. Offsets and sizes are 64-bit.
+class KXFileStreamOperation
+{
+public:
+    KXFileStreamOperation() = default;
+    ~KXFileStreamOperation();
+    KXFileStreamOperation(const KXFileStreamOperation &) = delete;
+    KXFileStreamOperation &operator=(const KXFileStreamOperation &) = delete;
+
+    static KXFileStreamOperation &sharedOperation();
+    static QString fileKey();
+
+    // write true: path is a remote relative path created under basePath (the downloads
+    // folder when basePath is empty); write false: path is a full local path opened for
+    // reading and basePath is ignored. Nothing is returned when the file is not there.
+    static std::unique_ptr<KXFileStreamOperation> initFileOperationAtPath(const QString &path, bool write,
+                                                                          const QString &basePath);
+    static std::unique_ptr<KXFileStreamOperation> initFileOperationAtPath(const QString &path,
+                                                                          std::int64_t fileSegmentSize,
+                                                                          bool forReadOperation);
+
+    static QString getMacPathFromWindowsPath(const QString &windowsPath, const QString &basePath);
+    static QString getFullPathWithWindowsPath(const QString &windowsPath, const QString &basePath);
+    static void createFolder(const QString &windowsPath, const QString &basePath);
+    static QString removeTrailingSlash(const QString &string);
+    static QString cachesDirectory();
+    static QString desktopDirectory();
+    static QString downloadDirectory();
+
+    bool getFileInfoAtPath(const QString &path);
+
+    // Empty at or past the end of the file; nothing when no read handle is open or the
+    // read failed.
+    std::optional<QByteArray> readDateOffSet(std::uint64_t offset, std::uint64_t length) const;
+    // False when no write handle is open or not every byte could be written.
+    bool writeDateOffSet(std::uint64_t offset, const QByteArray &data);
+
+    void cutFileForFragments(std::int64_t segmentSize);
+    std::optional<QByteArray> readDateOfFragment(const std::optional<KXFileFragment> &fragment) const;
+
+    std::optional<QByteArray> readDataOfLength(std::uint64_t length);
+    std::optional<QByteArray> readDataToEndOfFile();
+    bool writeData(const QByteArray &data);
+    void seekToFileOffset(std::uint64_t offset);
+    std::uint64_t offsetInFile() const;
+    std::uint64_t seekToEndOfFile();
+    void closeFile();
+
+    QCborMap encode() const;
+    static std::unique_ptr<KXFileStreamOperation> decode(const QCborMap &archive);
+
+    QString fileName;
+    std::uint64_t fileSize = 0;
+    QString filePath;
+    QList<KXFileFragment> fileFragments;
+    bool isReadOperation = false;
+    std::optional<QString> basePath;
+
+    bool hasReadHandle() const { return m_readFd >= 0; }
+    bool hasWriteHandle() const { return m_writeFd >= 0; }
+
+private:
+    int m_readFd = -1;
+    int m_writeFd = -1;
+};
