@@ -155,10 +155,21 @@ void SocketManager::callDidDisconnect()
 
 void SocketManager::onDisconnected()
 {
+    // A failed attempt is reported by Qt as a disconnect immediately followed by the error
+    // that explains it; handling the disconnect one turn later lets the error speak first.
+    QPointer<QWebSocket> client = m_socket;
+    QMetaObject::invokeMethod(this, [this, client] {
+        if (client && client == m_socket)
+            finishDisconnected();
+    }, Qt::QueuedConnection);
+}
+
+void SocketManager::finishDisconnected()
+{
     if (m_ended)
         return;
-    const QString reason = m_socket ? m_socket->closeReason() : QString();
-    const int code = m_socket ? int(m_socket->closeCode()) : 0;
+    const QString reason = m_socket->closeReason();
+    const int code = int(m_socket->closeCode());
     markDisconnected();
     callDidDisconnect();
     qCInfo(lcSocket).noquote().nospace() << "websocket is disconnected: " << reason << " with code: " << code;

@@ -45,6 +45,7 @@ private:
     void dropSocket();
     void onConnected();
     void onDisconnected();
+    void finishDisconnected();
     void onError(const QString &message);
     void onTextMessage(const QString &text);
     void onBinaryMessage(const QByteArray &data);
