@@ -44,6 +44,13 @@ SocketManager::SocketManager(QObject *parent)
         timedOut->abort();
         onError(QStringLiteral("The connection timed out"));
     });
+    m_reconnectTimer = new QTimer(this);
+    m_reconnectTimer->setSingleShot(true);
+    m_reconnectTimer->setInterval(reconnectDelayMs);
+    QObject::connect(m_reconnectTimer, &QTimer::timeout, this, [this] {
+        qCInfo(lcSocket).noquote().nospace() << "再次重连self.urlStr:" << m_urlStr;
+        connect(m_urlStr);
+    });
 }
 
 SocketManager *SocketManager::shared()
@@ -82,6 +89,8 @@ void SocketManager::connect(const QString &urlStr)
     if (urlStr.isEmpty() || !url.isValid())
         return;
 
+    // A fresh connection supersedes a reconnection still waiting to run.
+    m_reconnectTimer->stop();
     dropSocket();
     m_socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
     m_ended = false;
@@ -112,10 +121,7 @@ void SocketManager::reconnect()
         return;
     }
     m_websoketStatus = WebsoketStatus::connecting;
-    QTimer::singleShot(reconnectDelayMs, this, [this] {
-        qCInfo(lcSocket).noquote().nospace() << "再次重连self.urlStr:" << m_urlStr;
-        connect(m_urlStr);
-    });
+    m_reconnectTimer->start();
 }
 
 void SocketManager::write(const QByteArray &frame, std::function<void()> completion)

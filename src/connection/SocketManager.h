@@ -54,6 +54,7 @@ private:
 
     QWebSocket *m_socket = nullptr;
     QTimer *m_connectTimer = nullptr;
+    QTimer *m_reconnectTimer = nullptr;
     bool m_isConnected = false;
     WebsoketStatus m_websoketStatus = WebsoketStatus::create;
     SocketManagerDelegate *m_delegate = nullptr;

@@ -138,7 +138,7 @@ bool TestAgent::answer(const QByteArray &frame)
         response.set_cbrequested(std::uint32_t(part.size()));
         response.set_requesteddata(part.constData(), size_t(part.size()));
     }
-    ++m_answered;
+    m_served.append(*request);
     sendMessage(response, FrameType::fileContentsResponse);
     return true;
 }

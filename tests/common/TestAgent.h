@@ -56,7 +56,9 @@ public:
     // When set, size and range queries are answered from these contents by list index.
     void serveContents(const QHash<std::uint32_t, QByteArray> &contents) { m_contents = contents; m_serve = true; }
     void stopServing() { m_serve = false; }
-    int answeredQueries() const { return m_answered; }
+    int answeredQueries() const { return int(m_served.size()); }
+    // Every file-contents query the agent answered by itself, in order.
+    QList<FileSDK::CliprdrFileContentsRequest> servedQueries() const { return m_served; }
 
     // Messages the remote side sends in a paste from it.
     static FileSDK::CliprdrFormatList remoteFormatList();
@@ -78,6 +80,6 @@ private:
     int m_connections = 0;
     bool m_secure = false;
     bool m_serve = false;
-    int m_answered = 0;
+    QList<FileSDK::CliprdrFileContentsRequest> m_served;
     QHash<std::uint32_t, QByteArray> m_contents;
 };
