@@ -4,6 +4,7 @@
 #include "LogCapture.h"
 #include "ScriptedChooser.h"
 #include "SocketManager.h"
+#include "EngineSession.h"
 #include "TestAgent.h"
 
 #include <QDirIterator>
@@ -16,25 +17,10 @@ using Request = FileSDK::CliprdrFileContentsRequest;
 using Response = FileSDK::CliprdrFileContentsResponse;
 using Descriptors = QList<FileSDK::FileDescriptorw>;
 
-Q_DECLARE_METATYPE(PastedError)
 
 using FormatEntries = QList<std::pair<int, QString>>;
 
 namespace {
-
-QByteArray pattern(qsizetype size, int seed)
-{
-    QByteArray data(size, Qt::Uninitialized);
-    for (qsizetype i = 0; i < size; ++i)
-        data[i] = char((i * 131 + seed + i / 977) & 0xff);
-    return data;
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
 
 Response rangeReply(std::uint32_t streamId, const QByteArray &data)
 {
@@ -57,78 +43,6 @@ QStringList entriesBelow(const QString &root)
 }
 
 } // namespace
-
-// One paste session: the real engine and socket manager against the in-process agent,
-// with a scripted folder chooser and a fake pasteboard.
-struct Session
-{
-    TestAgent agent;
-    FakePasteboard pasteboard;
-    ScriptedChooser *chooser = nullptr;
-    QTemporaryDir root;
-    QString dest;
-    std::unique_ptr<ClipBoardManager> engine;
-    QList<double> progress;
-    QList<std::pair<bool, PastedError>> completions;
-
-    Session()
-    {
-        dest = root.filePath(QStringLiteral("inner/dest"));
-        QDir().mkpath(dest);
-        chooser = new ScriptedChooser;
-        chooser->answer = ScriptedChooser::choose(dest);
-        KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
-    }
-
-    bool start()
-    {
-        if (!agent.listen())
-            return false;
-        engine = std::make_unique<ClipBoardManager>(agent.ip(), agent.port(), QStringLiteral("tok"),
-                                                    QStringLiteral("7"), &pasteboard);
-        const auto hello = agent.nextFrame();
-        return hello && *hello == QByteArray(1, '\0');
-    }
-
-    bool remoteCopy(const FileSDK::CliprdrFormatList &list = TestAgent::remoteFormatList())
-    {
-        const int clears = pasteboard.clears;
-        agent.sendMessage(list, FrameType::formatList);
-        return QTest::qWaitFor([&] { return pasteboard.clears > clears; }, 10000);
-    }
-
-    void paste()
-    {
-        engine->startPaste([this](double value) { progress.append(value); },
-                           [this](bool success, PastedError error) { completions.append({success, error}); });
-    }
-
-    // Answers the format data request with the descriptors.
-    bool offer(const Descriptors &descriptors)
-    {
-        if (!agent.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest))
-            return false;
-        FileSDK::MacCliprdrFormatDataResponse response;
-        *response.mutable_header() = kx::makeHeader(1, 0, 1, 1);
-        for (const auto &descriptor : descriptors)
-            *response.add_filedes() = descriptor;
-        agent.sendMessage(response, FrameType::formatDataResponse);
-        return true;
-    }
-
-    // A whole paste with the agent answering every query from the contents by list index.
-    bool pasteServed(const Descriptors &descriptors, const QHash<std::uint32_t, QByteArray> &contents)
-    {
-        agent.serveContents(contents);
-        const qsizetype before = completions.size();
-        if (!remoteCopy())
-            return false;
-        paste();
-        return offer(descriptors) && QTest::qWaitFor([&] { return completions.size() > before; }, 60000);
-    }
-
-    std::optional<Request> nextQuery() { return agent.next<Request>(FrameType::fileContentsRequest); }
-};
 
 class TestPaste : public QObject
 {
@@ -160,12 +74,12 @@ private slots:
     void disconnectWhileChoosingDownloadsNothing();
 
 private:
-    std::unique_ptr<Session> s;
+    std::unique_ptr<EngineSession> s;
 };
 
 void TestPaste::init()
 {
-    s = std::make_unique<Session>();
+    s = std::make_unique<EngineSession>();
     QVERIFY(s->start());
 }
 
@@ -178,7 +92,7 @@ void TestPaste::creationConnectsAndSendsClientType()
 {
     s.reset();
     LogCapture log;
-    s = std::make_unique<Session>();
+    s = std::make_unique<EngineSession>();
     QVERIFY(s->start());
     const QString url = s->agent.url(QStringLiteral("tok"));
     QCOMPARE(s->engine->urlText(), url);
