@@ -53,6 +53,11 @@ public:
     bool hasFormList() const { return m_formList.has_value(); }
     const QString &urlText() const { return m_urlText; }
 
+    // What the progress window shows besides the bar.
+    QString currentFileName() const;
+    std::uint64_t savedBytes() const { return m_alreadySavedTotalSize; }
+    std::uint64_t totalBytes() const { return m_downloadTotalSize; }
+
     // SocketManagerDelegate
     void socketDidConnect() override;
     void socketDidDisconnect() override;

@@ -167,6 +167,11 @@ ClipBoardManager::FileStart ClipBoardManager::startCurrentFile()
     return FileStart::requested;
 }
 
+QString ClipBoardManager::currentFileName() const
+{
+    return m_currentDescriptorw ? QString::fromStdString(m_currentDescriptorw->descriptor.cfilename()) : QString();
+}
+
 std::uint32_t ClipBoardManager::descriptorListIndex() const
 {
     return m_currentDescriptorw ? m_currentDescriptorw->listIndex : 0;

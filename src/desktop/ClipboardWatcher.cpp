@@ -1,0 +1,151 @@
+#include "ClipboardWatcher.h"
+
+#include <QLoggingCategory>
+#include <QTimer>
+
+Q_LOGGING_CATEGORY(lcWatcher, "kx.desktop")
+
+ClipboardWatcher::ClipboardWatcher(Platform &platform, const QString &hostAppId, QObject *parent)
+    : QObject(parent)
+    , m_platform(platform)
+    , m_hostAppId(hostAppId)
+    , m_lastChangeCount(platform.pasteboard->changeCount())
+{
+}
+
+ClipboardWatcher::~ClipboardWatcher()
+{
+    stopWatching();
+}
+
+void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &port, const QString &token,
+                                     const QString &cid, ProgressCallback progress, CompletionCallback completion)
+{
+    m_clipManager = std::make_unique<ClipBoardManager>(ipAdress, port, token, cid, m_platform.pasteboard.get());
+    m_progress = std::move(progress);
+    m_completion = std::move(completion);
+
+    delete m_clipTimer;
+    m_clipTimer = new QTimer(this);
+    m_clipTimer->setInterval(clipIntervalMs);
+    connect(m_clipTimer, &QTimer::timeout, this, &ClipboardWatcher::checkPasteboard);
+    m_clipTimer->start();
+
+    delete m_progressTimer;
+    m_progressTimer = new QTimer(this);
+    m_progressTimer->setInterval(hostCheckIntervalMs);
+    connect(m_progressTimer, &QTimer::timeout, this, &ClipboardWatcher::checkHostApplication);
+    m_progressTimer->start();
+
+    QPointer<ClipboardWatcher> self(this);
+    m_platform.accessibility->onPermissionChanged([self] {
+        if (self)
+            self->accessibilityPermissionChanged();
+    });
+    m_eventsObserver = m_platform.keyMonitor->install([self](const KeyEvent &event) {
+        if (self)
+            self->handleKeyDown(event);
+    });
+    checkAccessibility();
+}
+
+void ClipboardWatcher::stopWatching()
+{
+    delete m_clipTimer;
+    m_clipTimer = nullptr;
+    if (m_eventsObserver)
+        m_platform.keyMonitor->remove();
+    m_eventsObserver = false;
+}
+
+void ClipboardWatcher::checkPasteboard()
+{
+    const std::int64_t count = m_platform.pasteboard->changeCount();
+    if (count == m_lastChangeCount)
+        return;
+    m_lastChangeCount = count; // before reading: a failed read is not retried for this change
+    const std::optional<QList<QUrl>> urls = m_platform.pasteboard->readUrls();
+    if (!urls)
+        return;
+    m_clipManager->copiedFiles(*urls);
+}
+
+void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
+{
+    if (!event.command || event.charactersIgnoringModifiers != QLatin1String("v"))
+        return;
+    qCInfo(lcWatcher).noquote() << "Command + V 按下";
+    ProgressCallback progress = m_progress;
+    CompletionCallback completion = m_completion;
+    m_clipManager->startPaste(
+        [progress](double value) {
+            qCInfo(lcWatcher).noquote().nospace() << "当前的百分比：" << value;
+            if (progress)
+                progress(value);
+        },
+        [completion](bool success, PastedError error) {
+            const ClipBoardError mapped = clipBoardErrorFromRaw(int(error)).value_or(ClipBoardError::unKonwnError);
+            if (completion)
+                completion(success, mapped);
+        });
+}
+
+void ClipboardWatcher::checkAccessibility()
+{
+    if (m_platform.accessibility->isProcessTrusted(true)) {
+        qCInfo(lcWatcher).noquote() << "已获得辅助功能权限";
+        return;
+    }
+    qCInfo(lcWatcher).noquote() << "未获得辅助功能权限";
+    const QString missing = m_platform.accessibility->missingCapability();
+    if (!missing.isEmpty())
+        qCInfo(lcWatcher).noquote() << missing;
+    createEventTap();
+}
+
+void ClipboardWatcher::createEventTap()
+{
+    m_platform.accessibility->createEventTap();
+    QTimer::singleShot(alertDelayMs, this, &ClipboardWatcher::showAccessibilityAlert);
+}
+
+void ClipboardWatcher::showAccessibilityAlert()
+{
+    QString name = m_platform.services->applicationName();
+    if (name.isEmpty())
+        name = QStringLiteral("KXMacOSPasteBoard");
+    const int answer = m_platform.alerts->runModal(
+        QStringLiteral("使用复制粘贴功能，请授权") + name + QStringLiteral("应用"), QString(),
+        {QStringLiteral("授权成功后，点此按钮重启应用"), QStringLiteral("暂不使用复制粘贴")});
+    const QUrl settings = m_platform.accessibility->settingsUrl();
+    if (answer == 1000 && settings.isValid())
+        m_platform.services->openUrl(settings);
+}
+
+void ClipboardWatcher::accessibilityPermissionChanged()
+{
+    if (!m_platform.accessibility->isProcessTrusted(false)) {
+        qCInfo(lcWatcher).noquote() << "用户未授权辅助功能";
+        return;
+    }
+    qCInfo(lcWatcher).noquote() << "用户已授权辅助功能";
+    showRestartAlert();
+}
+
+void ClipboardWatcher::showRestartAlert()
+{
+    const int answer = m_platform.alerts->runModal(QStringLiteral("重启后才可使用复制粘贴功能"), QString(),
+                                                   {QStringLiteral("现在重启"), QStringLiteral("先不使用")});
+    if (answer == 1000)
+        m_platform.services->exitProcess(0);
+}
+
+void ClipboardWatcher::checkHostApplication()
+{
+    if (!m_platform.services->isApplicationRunning(m_hostAppId)) {
+        qCInfo(lcWatcher).noquote() << "此程序已经不存在";
+        m_platform.services->exitProcess(0);
+        return;
+    }
+    qCInfo(lcWatcher).noquote() << "此程序在运行中";
+}

@@ -1,0 +1,58 @@
+#include "LaunchArguments.h"
+
+#include <QLoggingCategory>
+
+Q_DECLARE_LOGGING_CATEGORY(lcWatcher)
+
+namespace {
+
+// Tabs and space separators are trimmed; line breaks are kept, as the host never sends them.
+bool isTrimmed(QChar c)
+{
+    return c == QLatin1Char('\t') || c.category() == QChar::Separator_Space;
+}
+
+} // namespace
+
+LaunchArguments LaunchArguments::read(const QStringList &arguments)
+{
+    qCInfo(lcWatcher).noquote().nospace() << "Number of arguments: " << arguments.size();
+    LaunchArguments result;
+    for (qsizetype i = 0; i < arguments.size(); ++i) {
+        qCInfo(lcWatcher).noquote().nospace() << "Argument " << i << ": " << arguments.at(i);
+        result.assignLaunchArgument(arguments.at(i));
+    }
+    return result;
+}
+
+void LaunchArguments::assignLaunchArgument(const QString &argument)
+{
+    // Keys are found anywhere in the argument, in this order: "token,zip9" sets the address.
+    if (argument.contains(QLatin1String("ip")))
+        ipAdress = valueAfterComma(argument);
+    else if (argument.contains(QLatin1String("port")))
+        port = valueAfterComma(argument);
+    else if (argument.contains(QLatin1String("token")))
+        token = valueAfterComma(argument);
+    else if (argument.contains(QLatin1String("cid")))
+        cid = valueAfterComma(argument);
+}
+
+QString LaunchArguments::valueAfterComma(const QString &argument)
+{
+    const QStringList pieces = argument.split(QLatin1Char(','), Qt::SkipEmptyParts);
+    if (pieces.isEmpty()) {
+        qCInfo(lcWatcher).noquote() << "未找到逗号后面的内容";
+        return QString();
+    }
+    QString value = pieces.last();
+    qsizetype begin = 0;
+    qsizetype end = value.size();
+    while (begin < end && isTrimmed(value.at(begin)))
+        ++begin;
+    while (end > begin && isTrimmed(value.at(end - 1)))
+        --end;
+    value = value.mid(begin, end - begin);
+    qCInfo(lcWatcher).noquote().nospace() << "逗号后面的内容为: " << value;
+    return value;
+}

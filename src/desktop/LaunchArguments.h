@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// The four connection values the host application passes, each as "key,value".
+struct LaunchArguments
+{
+    QString ipAdress;
+    QString port;
+    QString token;
+    QString cid;
+
+    // Every argument, argument 0 included, is tested; a later one of the same key wins.
+    static LaunchArguments read(const QStringList &arguments);
+    void assignLaunchArgument(const QString &argument);
+    static QString valueAfterComma(const QString &argument);
+};

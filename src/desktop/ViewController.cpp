@@ -1,0 +1,142 @@
+#include "ViewController.h"
+
+#include "LaunchArguments.h"
+
+#include <QLabel>
+#include <QLocale>
+#include <QLoggingCategory>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTimer>
+#include <QVBoxLayout>
+
+Q_DECLARE_LOGGING_CATEGORY(lcWatcher)
+
+namespace {
+
+constexpr int barSteps = 10000; // the bar is integer; the fraction maps onto this many steps
+
+} // namespace
+
+ViewController::ViewController(Platform &platform, const QString &hostAppId, QWidget *parent)
+    : QWidget(parent)
+    , m_platform(platform)
+    , m_watcher(new ClipboardWatcher(platform, hostAppId, this))
+{
+    setWindowTitle(platform.services->applicationName());
+    setFixedSize(contentWidth, contentHeight);
+    auto *layout = new QVBoxLayout(this);
+    m_detail = new QLabel(this);
+    m_detail->setWordWrap(true);
+    m_progressIndicator = new QProgressBar(this);
+    m_progressIndicator->setTextVisible(true);
+    m_stopBtn = new QPushButton(tr("Stop"), this);
+    layout->addStretch();
+    layout->addWidget(m_detail);
+    layout->addWidget(m_progressIndicator);
+    layout->addWidget(m_stopBtn, 0, Qt::AlignHCenter);
+    layout->addStretch();
+    connect(m_stopBtn, &QPushButton::clicked, this, &ViewController::clickStopPasteBtn);
+}
+
+void ViewController::viewDidLoad(const QStringList &arguments)
+{
+    QTimer::singleShot(hideDelayMs, this, &ViewController::hideWindow);
+    const LaunchArguments values = LaunchArguments::read(arguments);
+    m_ipAdress = values.ipAdress;
+    m_port = values.port;
+    m_token = values.token;
+    m_cid = values.cid;
+    resetProgressControls();
+    QPointer<ViewController> self(this);
+    m_watcher->startWatching(
+        m_ipAdress, m_port, m_token, m_cid, [self](double progress) { if (self) self->handlePasteProgress(progress); },
+        [self](bool success, ClipBoardError error) { if (self) self->handlePasteFinished(success, error); });
+}
+
+void ViewController::resetProgressControls()
+{
+    m_progressIndicator->setRange(0, barSteps);
+    m_progressIndicator->setValue(0);
+    m_progressIndicator->setHidden(true);
+    m_stopBtn->setHidden(true);
+    m_detail->clear();
+}
+
+void ViewController::setBarValue(double progress)
+{
+    m_progressIndicator->setValue(int(std::clamp(progress, 0.0, 1.0) * barSteps));
+}
+
+void ViewController::hideWindow()
+{
+    setFixedSize(contentWidth, contentHeight);
+    hide();
+    setBarValue(0.0);
+}
+
+void ViewController::showWindow()
+{
+    setFixedSize(contentWidth, contentHeight);
+    show();
+    raise();
+    activateWindow();
+}
+
+void ViewController::updateDetail()
+{
+    const ClipBoardManager *engine = m_watcher->clipManager();
+    if (!engine)
+        return;
+    const QLocale locale;
+    m_detail->setText(tr("%1\n%2 of %3")
+                          .arg(engine->currentFileName(), locale.formattedDataSize(qint64(engine->savedBytes())),
+                               locale.formattedDataSize(qint64(engine->totalBytes()))));
+}
+
+void ViewController::handlePasteProgress(double progress)
+{
+    QMetaObject::invokeMethod(this, [this, progress] {
+        showWindow();
+        m_progressIndicator->setHidden(false);
+        m_stopBtn->setHidden(false);
+        setBarValue(progress);
+        updateDetail();
+        qCInfo(lcWatcher).noquote().nospace() << "Progress: " << progress;
+    }, Qt::QueuedConnection);
+}
+
+void ViewController::handlePasteFinished(bool success, ClipBoardError error)
+{
+    if (success) {
+        qCInfo(lcWatcher).noquote() << "所有文件粘贴成功";
+        QMetaObject::invokeMethod(this, [this] {
+            m_progressIndicator->setHidden(true);
+            m_stopBtn->setHidden(true);
+            showAlert(QStringLiteral("下载成功"));
+            hideWindow();
+        }, Qt::QueuedConnection);
+        return;
+    }
+    const QString name = clipBoardErrorName(error);
+    qCInfo(lcWatcher).noquote().nospace() << "eror:" << name;
+    QMetaObject::invokeMethod(this, [this, name] {
+        m_progressIndicator->setHidden(true);
+        showAlert(QStringLiteral("下载失败错误原因：") + name);
+        m_stopBtn->setHidden(true);
+        hideWindow();
+    }, Qt::QueuedConnection);
+}
+
+void ViewController::showAlert(const QString &message)
+{
+    m_platform.alerts->runModal(message, QString(), {QStringLiteral("ok")});
+}
+
+void ViewController::clickStopPasteBtn()
+{
+    qCInfo(lcWatcher).noquote() << "click stop";
+    if (ClipBoardManager *engine = m_watcher->clipManager())
+        engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
+    hideWindow();
+}

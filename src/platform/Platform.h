@@ -1,0 +1,19 @@
+#pragma once
+
+#include "Accessibility.h"
+#include "KeyMonitor.h"
+#include "Pasteboard.h"
+#include "SystemServices.h"
+
+#include <memory>
+
+// Every platform call of the desktop layer, behind one set of interfaces: the X11
+// backend here, a scripted one in tests.
+struct Platform
+{
+    std::unique_ptr<Pasteboard> pasteboard;
+    std::unique_ptr<KeyMonitor> keyMonitor;
+    std::unique_ptr<Accessibility> accessibility;
+    std::unique_ptr<Alerts> alerts;
+    std::unique_ptr<SystemServices> services;
+};

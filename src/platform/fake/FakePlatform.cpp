@@ -1,0 +1,95 @@
+#include "FakePlatform.h"
+
+namespace {
+
+class FakePasteboard : public Pasteboard
+{
+public:
+    explicit FakePasteboard(FakePlatformState &s) : s(s) {}
+    std::int64_t changeCount() const override { return s.changeCount; }
+    std::optional<QList<QUrl>> readUrls() const override { return s.urls; }
+    void clearContents() override
+    {
+        ++s.clears;
+        s.urls = QList<QUrl>{};
+        ++s.changeCount;
+    }
+    FakePlatformState &s;
+};
+
+class FakeKeyMonitor : public KeyMonitor
+{
+public:
+    explicit FakeKeyMonitor(FakePlatformState &s) : s(s) {}
+    bool install(std::function<void(const KeyEvent &)> handler) override
+    {
+        s.keyHandler = std::move(handler);
+        s.keyMonitorInstalled = true;
+        return true;
+    }
+    void remove() override
+    {
+        s.keyHandler = nullptr;
+        s.keyMonitorInstalled = false;
+    }
+    FakePlatformState &s;
+};
+
+class FakeAccessibility : public Accessibility
+{
+public:
+    explicit FakeAccessibility(FakePlatformState &s) : s(s) {}
+    bool isProcessTrusted(bool prompt) override
+    {
+        s.trustedPrompts.append(prompt);
+        return s.trusted;
+    }
+    void onPermissionChanged(std::function<void()> handler) override { s.permissionChanged = std::move(handler); }
+    bool createEventTap() override
+    {
+        ++s.eventTaps;
+        return true;
+    }
+    QUrl settingsUrl() const override { return QUrl(QStringLiteral("settings:accessibility")); }
+    FakePlatformState &s;
+};
+
+class FakeAlerts : public Alerts
+{
+public:
+    explicit FakeAlerts(FakePlatformState &s) : s(s) {}
+    int runModal(const QString &message, const QString &informative, const QStringList &buttons) override
+    {
+        s.alerts.append({message, informative, buttons});
+        return s.alertAnswers.isEmpty() ? 1000 : s.alertAnswers.takeFirst();
+    }
+    FakePlatformState &s;
+};
+
+class FakeServices : public SystemServices
+{
+public:
+    explicit FakeServices(FakePlatformState &s) : s(s) {}
+    void openUrl(const QUrl &url) override { s.openedUrls.append(url); }
+    bool isApplicationRunning(const QString &id) override
+    {
+        s.hostQueries.append(id);
+        return s.hostRunning;
+    }
+    QString applicationName() const override { return QStringLiteral("TestApp"); }
+    void exitProcess(int status) override { s.exits.append(status); }
+    FakePlatformState &s;
+};
+
+} // namespace
+
+Platform makeFakePlatform(FakePlatformState &state)
+{
+    Platform platform;
+    platform.pasteboard = std::make_unique<FakePasteboard>(state);
+    platform.keyMonitor = std::make_unique<FakeKeyMonitor>(state);
+    platform.accessibility = std::make_unique<FakeAccessibility>(state);
+    platform.alerts = std::make_unique<FakeAlerts>(state);
+    platform.services = std::make_unique<FakeServices>(state);
+    return platform;
+}

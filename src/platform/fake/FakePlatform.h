@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Platform.h"
+
+#include <QList>
+#include <QStringList>
+
+// Scripted platform for tests: a pasteboard the test writes, keys the test presses,
+// alerts answered from a script, and an exit that is recorded instead of taken.
+struct FakePlatformState
+{
+    std::int64_t changeCount = 0;
+    std::optional<QList<QUrl>> urls = QList<QUrl>{};
+    int clears = 0;
+    std::function<void(const KeyEvent &)> keyHandler;
+    bool keyMonitorInstalled = false;
+    bool trusted = true;
+    QList<bool> trustedPrompts;
+    std::function<void()> permissionChanged;
+    int eventTaps = 0;
+    struct Alert { QString message; QString informative; QStringList buttons; };
+    QList<Alert> alerts;
+    QList<int> alertAnswers; // taken in order; 1000 when empty
+    QList<QUrl> openedUrls;
+    bool hostRunning = true;
+    QStringList hostQueries;
+    QList<int> exits;
+
+    void copy(const QList<QUrl> &newUrls) { urls = newUrls; ++changeCount; }
+    void press(bool command, const QString &text) { if (keyHandler) keyHandler(KeyEvent{command, text}); }
+};
+
+Platform makeFakePlatform(FakePlatformState &state);

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "SystemServices.h"
+
+class QtAlerts : public Alerts
+{
+public:
+    int runModal(const QString &message, const QString &informative, const QStringList &buttons) override;
+};

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "FolderChooser.h"
+
+class QtFolderChooser : public FolderChooser
+{
+public:
+    FolderChoice runModal() override;
+};

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "Pasteboard.h"
+
+#include <QObject>
+
+// The desktop clipboard. Its change count is ours: it rises on every change Qt reports,
+// our own clearing included, as the watcher expects of a system counter.
+class QtPasteboard : public QObject, public Pasteboard
+{
+public:
+    QtPasteboard();
+    std::int64_t changeCount() const override { return m_changeCount; }
+    std::optional<QList<QUrl>> readUrls() const override;
+    void clearContents() override;
+
+private:
+    std::int64_t m_changeCount = 0;
+};

@@ -1,0 +1,18 @@
+#include "X11Accessibility.h"
+
+#include "X11KeyMonitor.h"
+
+#include <QGuiApplication>
+
+bool X11Accessibility::isProcessTrusted(bool prompt)
+{
+    Q_UNUSED(prompt);
+    return QGuiApplication::platformName() == QLatin1String("xcb") && X11KeyMonitor::available();
+}
+
+QString X11Accessibility::missingCapability() const
+{
+    return QStringLiteral("global Ctrl+V needs an X11 display with the XInput2 extension (platform here: %1); "
+                          "copying local files to the remote side still works")
+        .arg(QGuiApplication::platformName());
+}

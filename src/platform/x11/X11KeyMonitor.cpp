@@ -1,0 +1,128 @@
+#include "X11KeyMonitor.h"
+
+#include <QSocketNotifier>
+
+#include <X11/XKBlib.h>
+#include <X11/Xlib.h>
+#include <X11/extensions/XInput2.h>
+#include <X11/keysym.h>
+
+namespace {
+
+bool openXInput2(Display *display, int *opcode)
+{
+    int event = 0;
+    int error = 0;
+    if (!XQueryExtension(display, "XInputExtension", opcode, &event, &error))
+        return false;
+    int major = 2;
+    int minor = 0;
+    return XIQueryVersion(display, &major, &minor) == Success;
+}
+
+// The text of a key as typed with only Shift: Latin-1 keysyms are their own character.
+QString keysymText(unsigned long keysym)
+{
+    if (keysym >= 0x20 && keysym <= 0xff)
+        return QString(QChar(char16_t(keysym)));
+    return {};
+}
+
+bool isModifier(unsigned long keysym)
+{
+    return keysym >= XK_Shift_L && keysym <= XK_Hyper_R;
+}
+
+} // namespace
+
+X11KeyMonitor::~X11KeyMonitor()
+{
+    remove();
+}
+
+bool X11KeyMonitor::available()
+{
+    Display *display = XOpenDisplay(nullptr);
+    if (!display)
+        return false;
+    int opcode = 0;
+    const bool ok = openXInput2(display, &opcode);
+    XCloseDisplay(display);
+    return ok;
+}
+
+bool X11KeyMonitor::install(std::function<void(const KeyEvent &)> handler)
+{
+    remove();
+    m_display = XOpenDisplay(nullptr);
+    if (!m_display)
+        return false;
+    if (!openXInput2(m_display, &m_xiOpcode)) {
+        XCloseDisplay(m_display);
+        m_display = nullptr;
+        return false;
+    }
+    unsigned char bits[XIMaskLen(XI_LASTEVENT)] = {};
+    XISetMask(bits, XI_RawKeyPress);
+    XISetMask(bits, XI_RawKeyRelease);
+    XIEventMask mask{XIAllMasterDevices, int(sizeof(bits)), bits};
+    XISelectEvents(m_display, DefaultRootWindow(m_display), &mask, 1);
+    XFlush(m_display);
+    m_handler = std::move(handler);
+    m_notifier = new QSocketNotifier(ConnectionNumber(m_display), QSocketNotifier::Read, this);
+    connect(m_notifier, &QSocketNotifier::activated, this, &X11KeyMonitor::readEvents);
+    return true;
+}
+
+void X11KeyMonitor::remove()
+{
+    delete m_notifier;
+    m_notifier = nullptr;
+    if (m_display)
+        XCloseDisplay(m_display);
+    m_display = nullptr;
+    m_handler = nullptr;
+    m_held.clear();
+}
+
+bool X11KeyMonitor::heldModifier(unsigned long keysymLeft, unsigned long keysymRight) const
+{
+    for (int keycode : m_held) {
+        const unsigned long keysym = XkbKeycodeToKeysym(m_display, KeyCode(keycode), 0, 0);
+        if (keysym == keysymLeft || keysym == keysymRight)
+            return true;
+    }
+    return false;
+}
+
+void X11KeyMonitor::readEvents()
+{
+    while (m_display && XPending(m_display) > 0) {
+        XEvent event;
+        XNextEvent(m_display, &event);
+        XGenericEventCookie *cookie = &event.xcookie;
+        if (cookie->type != GenericEvent || cookie->extension != m_xiOpcode || !XGetEventData(m_display, cookie))
+            continue;
+        const auto *raw = static_cast<const XIRawEvent *>(cookie->data);
+        const int keycode = raw->detail;
+        const int type = cookie->evtype;
+        XFreeEventData(m_display, cookie);
+        if (type == XI_RawKeyRelease) {
+            m_held.remove(keycode);
+            continue;
+        }
+        if (type != XI_RawKeyPress)
+            continue;
+        const unsigned long plain = XkbKeycodeToKeysym(m_display, KeyCode(keycode), 0, 0);
+        if (isModifier(plain)) {
+            m_held.insert(keycode);
+            continue;
+        }
+        const bool shift = heldModifier(XK_Shift_L, XK_Shift_R);
+        KeyEvent key;
+        key.command = heldModifier(XK_Control_L, XK_Control_R);
+        key.charactersIgnoringModifiers = keysymText(XkbKeycodeToKeysym(m_display, KeyCode(keycode), 0, shift ? 1 : 0));
+        if (m_handler)
+            m_handler(key);
+    }
+}
