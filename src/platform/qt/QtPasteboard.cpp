@@ -19,5 +19,9 @@ std::optional<QList<QUrl>> QtPasteboard::readUrls() const
 
 void QtPasteboard::clearContents()
 {
-    QGuiApplication::clipboard()->clear(QClipboard::Clipboard);
+    // On X11 clear() only drops our own ownership, and Qt treats empty data the same
+    // way: owning the board with one private, empty format empties it for everyone.
+    auto *empty = new QMimeData;
+    empty->setData(QStringLiteral("application/x-kx-cleared"), QByteArray());
+    QGuiApplication::clipboard()->setMimeData(empty, QClipboard::Clipboard);
 }
