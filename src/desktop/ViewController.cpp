@@ -23,7 +23,7 @@ ViewController::ViewController(Platform &platform, const QString &hostAppId, QWi
     , m_platform(platform)
     , m_watcher(new ClipboardWatcher(platform, hostAppId, this))
 {
-    setWindowTitle(platform.services->applicationName());
+    setWindowTitle(tr("%1: receiving files").arg(platform.services->applicationName()));
     setFixedSize(contentWidth, contentHeight);
     auto *layout = new QVBoxLayout(this);
     m_detail = new QLabel(this);

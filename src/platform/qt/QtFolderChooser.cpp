@@ -5,6 +5,7 @@
 FolderChoice QtFolderChooser::runModal()
 {
     QFileDialog dialog;
+    dialog.setWindowTitle(QObject::tr("Choose a destination folder"));
     dialog.setFileMode(QFileDialog::Directory);
     dialog.setOption(QFileDialog::ShowDirsOnly, true);
     dialog.setOption(QFileDialog::DontUseNativeDialog, true); // same dialog everywhere; testable

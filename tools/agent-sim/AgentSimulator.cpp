@@ -1,0 +1,359 @@
+#include "AgentSimulator.h"
+
+#include "Frame.h"
+
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QProcess>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QWebSocket>
+#include <QWebSocketServer>
+
+#include <cstdio>
+
+namespace {
+
+constexpr std::uint32_t chunk = 262144;
+
+bool makeCertificate(QSslConfiguration &configuration, QString *error)
+{
+    QTemporaryDir dir;
+    const QString key = dir.filePath(QStringLiteral("key.pem"));
+    const QString cert = dir.filePath(QStringLiteral("cert.pem"));
+    QProcess openssl;
+    openssl.start(QStringLiteral("openssl"), {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out",
+                                              cert, "-days", "30", "-subj", "/CN=127.0.0.1", "-addext",
+                                              "subjectAltName=IP:127.0.0.1,DNS:localhost"});
+    if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0) {
+        *error = QStringLiteral("openssl could not make a certificate");
+        return false;
+    }
+    QFile keyFile(key);
+    QFile certFile(cert);
+    if (!keyFile.open(QIODevice::ReadOnly) || !certFile.open(QIODevice::ReadOnly))
+        return false;
+    configuration.setLocalCertificate(QSslCertificate(certFile.readAll(), QSsl::Pem));
+    configuration.setPrivateKey(QSslKey(keyFile.readAll(), QSsl::Rsa, QSsl::Pem));
+    configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
+    return true;
+}
+
+QString rate(quint64 bytes, qint64 ms)
+{
+    return QString::number(double(bytes) / 1e6 / (double(std::max<qint64>(ms, 1)) / 1000.0), 'f', 1) + " MB/s";
+}
+
+} // namespace
+
+AgentSimulator::AgentSimulator(const Options &options, QObject *parent)
+    : QObject(parent)
+    , m_options(options)
+{
+}
+
+void AgentSimulator::say(const QString &line)
+{
+    std::printf("agent: %s\n", line.toUtf8().constData());
+    std::fflush(stdout);
+}
+
+bool AgentSimulator::start(QString *error)
+{
+    m_server = new QWebSocketServer(QStringLiteral("kx-agent-sim"),
+                                    m_options.tls ? QWebSocketServer::SecureMode : QWebSocketServer::NonSecureMode, this);
+    if (m_options.tls) {
+        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+        if (!makeCertificate(configuration, error))
+            return false;
+        m_server->setSslConfiguration(configuration);
+    }
+    if (!m_server->listen(QHostAddress(m_options.host), m_options.port)) {
+        *error = m_server->errorString();
+        return false;
+    }
+    connect(m_server, &QWebSocketServer::newConnection, this, &AgentSimulator::onConnection);
+    if (!m_options.offerDir.isEmpty() || !m_options.extraNames.isEmpty())
+        buildOffer();
+    say(QStringLiteral("listening on %1://%2:%3").arg(m_options.tls ? "wss" : "ws", m_options.host).arg(port()));
+    return true;
+}
+
+quint16 AgentSimulator::port() const
+{
+    return m_server ? m_server->serverPort() : 0;
+}
+
+void AgentSimulator::buildOffer()
+{
+    m_offer.clear();
+    m_offerBytes = 0;
+    const QDir root(m_options.offerDir);
+    QDirIterator it(m_options.offerDir, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+                    QDirIterator::Subdirectories);
+    QStringList paths;
+    while (it.hasNext())
+        paths.append(it.next());
+    paths.sort(); // a folder sorts before its contents
+    for (const QString &path : std::as_const(paths)) {
+        const QFileInfo info(path);
+        FileSDK::FileDescriptorw d;
+        d.set_dwflags(0x4024);
+        d.set_dwfileattributes(info.isDir() ? 0x10 : 0x80);
+        const quint64 size = info.isDir() ? 0 : quint64(info.size());
+        d.set_nfilesizehigh(std::uint32_t(size >> 32));
+        d.set_nfilesizelow(std::uint32_t(size & 0xffffffffu));
+        d.set_cfilename(root.relativeFilePath(path).replace('/', '\\').toStdString());
+        m_offer.append({path, d});
+        m_offerBytes += size;
+    }
+    for (const QString &name : std::as_const(m_options.extraNames)) {
+        FileSDK::FileDescriptorw d;
+        d.set_dwfileattributes(0x80);
+        d.set_nfilesizelow(4);
+        d.set_cfilename(name.toStdString());
+        m_offer.append({QString(), d});
+        m_offerBytes += 4;
+    }
+}
+
+void AgentSimulator::onConnection()
+{
+    while (QWebSocket *socket = m_server->nextPendingConnection()) {
+        if (m_client)
+            m_client->abort();
+        m_client = socket;
+        socket->setParent(this);
+        say(QStringLiteral("companion connected"));
+        connect(socket, &QWebSocket::binaryMessageReceived, this, &AgentSimulator::onFrame);
+        connect(socket, &QWebSocket::disconnected, this, [this, socket] {
+            if (socket == m_client)
+                say(QStringLiteral("companion disconnected"));
+            socket->deleteLater();
+        });
+    }
+}
+
+void AgentSimulator::send(const google::protobuf::MessageLite &message, FrameType type)
+{
+    const QByteArray frame = kx::encodeFrame(message, type);
+    QPointer<QWebSocket> client = m_client;
+    auto write = [client, frame] {
+        if (client)
+            client->sendBinaryMessage(frame);
+    };
+    if (m_options.rttMs > 0)
+        QTimer::singleShot(m_options.rttMs, this, write);
+    else
+        write();
+}
+
+void AgentSimulator::sendFormatList()
+{
+    if (m_offer.isEmpty())
+        return;
+    FileSDK::CliprdrFormatList list;
+    *list.mutable_header() = kx::makeHeader(1, 2, 0, 0);
+    list.set_numformats(2);
+    auto *group = list.add_formats();
+    group->set_formatid(49346);
+    group->set_formatname("FileGroupDescriptorW");
+    auto *contents = list.add_formats();
+    contents->set_formatid(49327);
+    contents->set_formatname("FileContents");
+    send(list, FrameType::formatList);
+    say(QStringLiteral("offered %1 entries (%2 bytes): press Ctrl+V to paste them").arg(m_offer.size()).arg(m_offerBytes));
+}
+
+void AgentSimulator::onFrame(const QByteArray &frame)
+{
+    const auto received = kx::splitFrame(frame);
+    if (!received)
+        return;
+    switch (FrameType(received->type)) {
+    case FrameType::clientType:
+        say(QStringLiteral("client type frame received"));
+        sendFormatList();
+        break;
+    case FrameType::formatDataRequest:
+        if (auto request = kx::parseMessage<FileSDK::CliprdrFormatDataRequest>(received->payload))
+            answerDescriptorRequest(*request);
+        break;
+    case FrameType::fileContentsRequest:
+        if (auto request = kx::parseMessage<FileSDK::CliprdrFileContentsRequest>(received->payload))
+            answerContents(*request);
+        break;
+    case FrameType::formatList:
+        say(QStringLiteral("the companion announced a local copy"));
+        startFetch();
+        break;
+    case FrameType::formatDataResponse:
+        if (auto list = kx::parseMessage<FileSDK::MacCliprdrFormatDataResponse>(received->payload))
+            onDescriptorList(*list);
+        break;
+    case FrameType::fileContentsResponse:
+        if (auto response = kx::parseMessage<FileSDK::CliprdrFileContentsResponse>(received->payload))
+            onContents(*response);
+        break;
+    default:
+        break;
+    }
+}
+
+void AgentSimulator::answerDescriptorRequest(const FileSDK::CliprdrFormatDataRequest &request)
+{
+    say(QStringLiteral("descriptor list asked for (format %1)").arg(request.requestedformatid()));
+    FileSDK::MacCliprdrFormatDataResponse response;
+    *response.mutable_header() = kx::makeHeader(1, 0, 1, 1);
+    for (const Entry &entry : std::as_const(m_offer))
+        *response.add_filedes() = entry.descriptor;
+    m_servedBytes = 0;
+    m_offerClock.start();
+    send(response, FrameType::formatDataResponse);
+}
+
+void AgentSimulator::answerContents(const FileSDK::CliprdrFileContentsRequest &request)
+{
+    FileSDK::CliprdrFileContentsResponse response;
+    *response.mutable_header() = kx::makeHeader(1, 0, 1, 1);
+    response.set_streamid(request.streamid());
+    if (request.listindex() >= std::uint32_t(m_offer.size()))
+        return;
+    const Entry &entry = m_offer.at(request.listindex());
+    const quint64 size = kx::descriptorSize(entry.descriptor);
+    if (request.dwflags() == 1) {
+        response.set_cbrequested(8);
+        response.set_requesteddata(reinterpret_cast<const char *>(&size), 8);
+        send(response, FrameType::fileContentsResponse);
+        return;
+    }
+    const quint64 offset = kx::joinHalves(request.npositionhigh(), request.npositionlow());
+    QByteArray data;
+    if (entry.localPath.isEmpty()) {
+        data = QByteArray("evil").mid(qsizetype(offset), qsizetype(request.cbrequested()));
+    } else {
+        QFile file(entry.localPath);
+        if (file.open(QIODevice::ReadOnly) && file.seek(qint64(offset)))
+            data = file.read(request.cbrequested());
+    }
+    response.set_cbrequested(std::uint32_t(data.size()));
+    response.set_requesteddata(data.constData(), size_t(data.size()));
+    send(response, FrameType::fileContentsResponse);
+    m_servedBytes += quint64(data.size());
+    if (m_options.dropAfterBytes >= 0 && m_servedBytes >= quint64(m_options.dropAfterBytes) && m_droppedAfter == 0) {
+        m_droppedAfter = qint64(m_servedBytes);
+        say(QStringLiteral("dropping the connection after %1 bytes").arg(m_servedBytes));
+        QTimer::singleShot(0, this, [this] { if (m_client) m_client->abort(); });
+        return;
+    }
+    if (m_servedBytes >= m_offerBytes && offset + quint64(data.size()) >= size) {
+        const qint64 ms = m_offerClock.elapsed();
+        say(QStringLiteral("served the whole offer: %1 bytes in %2 ms (%3)").arg(m_servedBytes).arg(ms).arg(rate(m_servedBytes, ms)));
+        m_servedBytes = 0;
+        // The remote board still holds the files: offer them again for the next paste.
+        QTimer::singleShot(300, this, &AgentSimulator::sendFormatList);
+    }
+}
+
+void AgentSimulator::startFetch()
+{
+    if (m_options.inboxDir.isEmpty())
+        return;
+    FileSDK::CliprdrFormatDataRequest request;
+    *request.mutable_header() = kx::makeHeader(0, 0, 0, 0);
+    request.set_requestedformatid(49346);
+    send(request, FrameType::formatDataRequest);
+    say(QStringLiteral("pasting on the remote side: asked for the descriptor list"));
+}
+
+void AgentSimulator::onDescriptorList(const FileSDK::MacCliprdrFormatDataResponse &list)
+{
+    m_incoming = QList<FileSDK::FileDescriptorw>(list.filedes().begin(), list.filedes().end());
+    say(QStringLiteral("descriptor list: %1 entries").arg(m_incoming.size()));
+    m_fetch = Fetch{};
+    m_fetchedBytes = 0;
+    m_fetchedFiles = 0;
+    m_fetching = true;
+    m_fetchClock.start();
+    fetchNext();
+}
+
+void AgentSimulator::fetchNext()
+{
+    const QDir inbox(m_options.inboxDir);
+    for (int index = m_fetch.index + 1; index < m_incoming.size(); ++index) {
+        const auto &d = m_incoming.at(index);
+        QString name = QString::fromStdString(d.cfilename()).replace(QStringLiteral("//"), QStringLiteral("/"));
+        while (name.endsWith('/'))
+            name.chop(1);
+        if (name.isEmpty() || name.split('/').contains(QStringLiteral("..")))
+            continue;
+        const QString path = inbox.filePath(name);
+        if (d.dwfileattributes() == 0x10) {
+            inbox.mkpath(name);
+            continue;
+        }
+        QDir().mkpath(QFileInfo(path).path());
+        m_fetch = Fetch{index, path, kx::descriptorSize(d), 0, std::make_unique<QFile>(path), false};
+        if (!m_fetch.file->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+            say(QStringLiteral("cannot write %1").arg(path));
+            continue;
+        }
+        FileSDK::CliprdrFileContentsRequest request;
+        request.set_streamid(std::uint32_t(index % 10));
+        request.set_listindex(std::uint32_t(index));
+        request.set_dwflags(1);
+        request.set_cbrequested(8);
+        send(request, FrameType::fileContentsRequest);
+        return;
+    }
+    m_fetching = false;
+    const qint64 ms = m_fetchClock.elapsed();
+    say(QStringLiteral("received %1 files, %2 bytes in %3 ms (%4) into %5")
+            .arg(m_fetchedFiles).arg(m_fetchedBytes).arg(ms).arg(rate(m_fetchedBytes, ms), m_options.inboxDir));
+}
+
+void AgentSimulator::askRange()
+{
+    if (m_fetch.received >= m_fetch.size) {
+        m_fetch.file->close();
+        ++m_fetchedFiles;
+        fetchNext();
+        return;
+    }
+    FileSDK::CliprdrFileContentsRequest request;
+    request.set_streamid(std::uint32_t(m_fetch.index % 10));
+    request.set_listindex(std::uint32_t(m_fetch.index));
+    request.set_dwflags(2);
+    request.set_npositionlow(std::uint32_t(m_fetch.received & 0xffffffffu));
+    request.set_npositionhigh(std::uint32_t(m_fetch.received >> 32));
+    request.set_cbrequested(chunk);
+    send(request, FrameType::fileContentsRequest);
+}
+
+void AgentSimulator::onContents(const FileSDK::CliprdrFileContentsResponse &response)
+{
+    if (!m_fetching || !m_fetch.file)
+        return;
+    if (response.header().msgflags() == 2) {
+        say(QStringLiteral("the companion could not read %1").arg(m_fetch.path));
+        m_fetch.file->close();
+        fetchNext();
+        return;
+    }
+    if (!m_fetch.sized) { // the answer to the size query; the descriptor already told
+        m_fetch.sized = true;
+        askRange();
+        return;
+    }
+    m_fetch.file->write(response.requesteddata().data(), qint64(response.requesteddata().size()));
+    m_fetch.received += response.requesteddata().size();
+    m_fetchedBytes += response.requesteddata().size();
+    if (response.requesteddata().empty()) {
+        say(QStringLiteral("empty answer for %1; giving up on it").arg(m_fetch.path));
+        m_fetch.received = m_fetch.size;
+    }
+    askRange();
+}

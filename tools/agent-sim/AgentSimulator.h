@@ -1,0 +1,84 @@
+#pragma once
+
+#include "FrameType.h"
+#include "Messages.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+
+#include <memory>
+
+class QWebSocket;
+class QWebSocketServer;
+
+// Plays the remote clipboard agent for demos and end-to-end tests: it offers a folder
+// tree for a paste, and fetches whatever the companion announces into an inbox.
+class AgentSimulator : public QObject
+{
+    Q_OBJECT
+public:
+    struct Options
+    {
+        QString host = QStringLiteral("127.0.0.1");
+        quint16 port = 0;
+        bool tls = false;
+        QString offerDir;
+        QString inboxDir;
+        int rttMs = 0;
+        qint64 dropAfterBytes = -1; // drop the connection once this many bytes were served
+        QStringList extraNames;     // names offered as they are, such as hostile ones
+    };
+
+    explicit AgentSimulator(const Options &options, QObject *parent = nullptr);
+    bool start(QString *error);
+    quint16 port() const;
+
+private:
+    struct Entry
+    {
+        QString localPath;
+        FileSDK::FileDescriptorw descriptor;
+    };
+    struct Fetch
+    {
+        int index = -1;
+        QString path;
+        quint64 size = 0;
+        quint64 received = 0;
+        std::unique_ptr<QFile> file;
+        bool sized = false;
+    };
+
+    void onConnection();
+    void onFrame(const QByteArray &frame);
+    void send(const google::protobuf::MessageLite &message, FrameType type);
+    void sendFormatList();
+    void answerDescriptorRequest(const FileSDK::CliprdrFormatDataRequest &request);
+    void answerContents(const FileSDK::CliprdrFileContentsRequest &request);
+    void buildOffer();
+    void startFetch();
+    void onDescriptorList(const FileSDK::MacCliprdrFormatDataResponse &list);
+    void fetchNext();
+    void onContents(const FileSDK::CliprdrFileContentsResponse &response);
+    void askRange();
+    void say(const QString &line);
+
+    Options m_options;
+    QWebSocketServer *m_server = nullptr;
+    QPointer<QWebSocket> m_client;
+    QList<Entry> m_offer;
+    quint64 m_offerBytes = 0;
+    quint64 m_servedBytes = 0;
+    qint64 m_droppedAfter = 0;
+    QElapsedTimer m_offerClock;
+    QList<FileSDK::FileDescriptorw> m_incoming;
+    Fetch m_fetch;
+    quint64 m_fetchedBytes = 0;
+    int m_fetchedFiles = 0;
+    QElapsedTimer m_fetchClock;
+    bool m_fetching = false;
+};
