@@ -78,8 +78,8 @@ void ClipBoardManager::startDownload(const QUrl &url)
     m_pasteStatus = PasteStatus::downloading;
     m_originFileDescriptorwList.clear();
     m_downloadQueue.clear();
-    const auto &descriptors = m_formatDataResponse ? m_formatDataResponse->filedes()
-                                                   : FileSDK::MacCliprdrFormatDataResponse().filedes();
+    static const FileSDK::MacCliprdrFormatDataResponse noList;
+    const auto &descriptors = (m_formatDataResponse ? *m_formatDataResponse : noList).filedes();
     m_originFileDescriptorwList.reserve(descriptors.size());
     m_downloadQueue.reserve(descriptors.size());
     for (int i = 0; i < descriptors.size(); ++i) {

@@ -257,6 +257,20 @@ void AgentSimulator::answerContents(const FileSDK::CliprdrFileContentsRequest &r
     }
 }
 
+void AgentSimulator::command(const QString &line)
+{
+    if (line == QLatin1String("offer")) {
+        if (!m_options.offerDir.isEmpty())
+            buildOffer();
+        sendFormatList();
+    } else if (line == QLatin1String("drop") && m_client) {
+        say(QStringLiteral("dropping the connection"));
+        m_client->abort();
+    } else if (!line.isEmpty()) {
+        say(QStringLiteral("unknown command: %1").arg(line));
+    }
+}
+
 void AgentSimulator::startFetch()
 {
     if (m_options.inboxDir.isEmpty())

@@ -35,6 +35,9 @@ public:
 
     explicit AgentSimulator(const Options &options, QObject *parent = nullptr);
     bool start(QString *error);
+    // Commands read from standard input, one a line: "offer" copies the offered tree
+    // again on the remote side, "drop" drops the connection.
+    void command(const QString &line);
     quint16 port() const;
 
 private:

@@ -2,6 +2,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QSocketNotifier>
 
 #include <cstdio>
 
@@ -39,5 +40,14 @@ int main(int argc, char *argv[])
         std::fprintf(stderr, "agent: %s\n", error.toUtf8().constData());
         return 1;
     }
+    QSocketNotifier input(0, QSocketNotifier::Read);
+    QObject::connect(&input, &QSocketNotifier::activated, &simulator, [&] {
+        char line[256];
+        if (!std::fgets(line, sizeof line, stdin)) {
+            input.setEnabled(false);
+            return;
+        }
+        simulator.command(QString::fromUtf8(line).trimmed());
+    });
     return app.exec();
 }

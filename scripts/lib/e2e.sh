@@ -1,0 +1,74 @@
+# Helpers for the unattended runs of the real executable and the agent simulator under
+# an X display: waiting on log lines, answering the dialogs, comparing trees.
+# Sourced by scripts/demo and tests/e2e/*; expects $top (the checkout) to be set.
+
+bin=${KX_BUILD_DIR:-$top/build}
+work=$(mktemp -d /tmp/kx-e2e.XXXXXX)
+pids=()
+cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; }
+trap cleanup EXIT
+
+say() { printf '%s\n' "${KX_E2E_NAME:-e2e}: $*"; }
+fail() { say "FAILED: $*"; say "logs are in $work"; tail -n 20 "$work"/*.log; exit 1; }
+
+# wait_for SECONDS FILE PATTERN [COUNT]: until PATTERN has matched COUNT lines of FILE.
+wait_for() {
+  local deadline=$((SECONDS + $1)) want=${4:-1}
+  until [ "$(grep -c -- "$3" "$2" 2>/dev/null)" -ge "$want" ]; do
+    [ $SECONDS -lt $deadline ] || return 1
+    sleep 0.1
+  done
+}
+
+# same_files A B: the same files with the same bytes (empty folders aside).
+same_files() {
+  diff <(cd "$1" && find . -type f | sort) <(cd "$2" && find . -type f | sort) || return 1
+  (cd "$1" && find . -type f -print0) | while IFS= read -r -d '' f; do
+    cmp -s "$1/$f" "$2/$f" || { echo "differs: $f"; exit 1; }
+  done
+}
+
+# start_host: the host application stand-in, so the companion does not end itself.
+start_host() {
+  mkdir -p "$work/bin"
+  cp "$(command -v sleep)" "$work/bin/kx-host"
+  "$work/bin/kx-host" 3600 & pids+=($!)
+}
+
+# start_agent ARGS...: the simulator, commands through $work/agent.in; sets $port.
+start_agent() {
+  mkfifo "$work/agent.in"
+  "$bin/tools/agent-sim/kx-agent-sim" "$@" < "$work/agent.in" > "$work/agent.log" 2>&1 & pids+=($!)
+  exec {agent_in}> "$work/agent.in"
+  wait_for 10 "$work/agent.log" "listening on" || fail "the agent simulator did not start"
+  port=$(sed -n 's/.*listening on ws:\/\/127.0.0.1:\([0-9]*\).*/\1/p' "$work/agent.log")
+}
+agent() { printf '%s\n' "$1" >&"$agent_in"; }
+
+# start_app: the companion, connected to the agent.
+start_app() {
+  "$bin/src/app/kx-clipboard" "ip,ws://127.0.0.1" "port,$port" "token,e2e" "cid,1" > "$work/app.log" 2>&1 & pids+=($!)
+  wait_for 15 "$work/app.log" "send clienType success" || fail "the companion did not connect"
+}
+
+# focus_window TITLE-REGEX: the first visible window of that title, focused; its id.
+focus_window() {
+  local id
+  id=$(timeout 20 xdotool search --sync --onlyvisible --name "$1" | head -1)
+  [ -n "$id" ] || return 1
+  xdotool windowfocus --sync "$id"
+  echo "$id"
+}
+
+# paste_into DIR: Ctrl+V and the folder typed into the chooser.
+paste_into() {
+  xdotool key ctrl+v
+  focus_window "Choose a destination folder" > /dev/null || fail "the folder chooser did not open"
+  xdotool type --delay 5 "$1"
+  xdotool key Return
+}
+
+# confirm_alert: the end-of-paste alert, answered.
+confirm_alert() {
+  focus_window "^KXClipboard$" > /dev/null && xdotool key Return
+}
