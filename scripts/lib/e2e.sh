@@ -13,8 +13,8 @@ fail() { say "FAILED: $*"; say "logs are in $work"; tail -n 20 "$work"/*.log; ex
 
 # wait_for SECONDS FILE PATTERN [COUNT]: until PATTERN has matched COUNT lines of FILE.
 wait_for() {
-  local deadline=$((SECONDS + $1)) want=${4:-1}
-  until [ "$(grep -c -- "$3" "$2" 2>/dev/null)" -ge "$want" ]; do
+  local deadline=$((SECONDS + $1)) want=${4:-1} n
+  while n=$(grep -c -- "$3" "$2" 2>/dev/null); [ "${n:-0}" -lt "$want" ]; do
     [ $SECONDS -lt $deadline ] || return 1
     sleep 0.1
   done
