@@ -106,7 +106,6 @@ private:
     static std::uint32_t makeStreamId();
 
     // Local-to-remote copy.
-    void countDirectoryEntries(const QString &path, QStringList &walk);
     void appendRootFileDescriptor(const QUrl &url);
     void appendRootFolderDescriptor(const QUrl &url);
     void appendDirectoryDescriptors(const QString &path, QStringList &walk);

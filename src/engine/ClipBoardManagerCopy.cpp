@@ -66,16 +66,7 @@ void ClipBoardManager::copiedFiles(const QList<QUrl> &urls)
     if (urls.isEmpty())
         return;
     qCInfo(lcEngine).noquote().nospace() << "list:" << printed(urls);
-    FileSDK::CliprdrFormatList formatList;
-    *formatList.mutable_header() = kx::makeHeader(1, 1, 1, 1);
-    formatList.set_numformats(2);
-    FileSDK::CliprdrFormat *descriptors = formatList.add_formats();
-    descriptors->set_formatid(49346);
-    descriptors->set_formatname("FileGroupDescriptorW");
-    FileSDK::CliprdrFormat *contents = formatList.add_formats();
-    contents->set_formatid(49327);
-    contents->set_formatname("FileContents");
-    send(formatList, FrameType::formatList, "send success");
+    send(kx::makeFileFormatList(kx::makeHeader(1, 1, 1, 1)), FrameType::formatList, "send success");
 }
 
 void ClipBoardManager::handleDataRequest(const QByteArray &payload)
@@ -90,22 +81,14 @@ void ClipBoardManager::handleDataRequest(const QByteArray &payload)
     m_uploadStreamer.reset();
     m_uploadStreamerIndex.reset();
 
-    for (const QUrl &url : std::as_const(m_fileList)) {
-        const QFileInfo item(url.toLocalFile());
-        if (!item.exists())
-            continue;
-        ++m_uploadQueueNum;
-        if (item.isDir()) {
-            QStringList walk;
-            if (enterFolder(item.absoluteFilePath(), walk))
-                countDirectoryEntries(url.toLocalFile(), walk);
-        }
-    }
+    // One walk both counts and describes: an entry that vanished while the folder was
+    // listed is counted but not described, so cItems may exceed the descriptors.
     for (const QUrl &url : std::as_const(m_fileList)) {
         m_rootDirectory = url;
         const QFileInfo item(url.toLocalFile());
         if (!item.exists())
             continue;
+        ++m_uploadQueueNum;
         if (item.isDir()) {
             appendRootFolderDescriptor(url);
             QStringList walk;
@@ -161,27 +144,6 @@ std::optional<QStringList> ClipBoardManager::listFolder(const QString &path)
         return std::nullopt;
     }
     return folder.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
-}
-
-void ClipBoardManager::countDirectoryEntries(const QString &path, QStringList &walk)
-{
-    const auto names = listFolder(path);
-    if (!names)
-        return;
-    for (const QString &name : *names) {
-        const QString full = joinPath(path, name);
-        const QFileInfo info(full);
-        if (info.exists() && info.isDir()) {
-            qCInfo(lcEngine).noquote().nospace() << "Directory: " << full;
-            if (enterFolder(full, walk)) {
-                countDirectoryEntries(full, walk);
-                walk.removeLast();
-            }
-        } else if (info.exists()) {
-            qCInfo(lcEngine).noquote().nospace() << "File: " << full;
-        }
-        ++m_uploadQueueNum;
-    }
 }
 
 QString ClipBoardManager::relativePath(const QString &from, const QString &to)
@@ -269,6 +231,7 @@ void ClipBoardManager::appendDirectoryDescriptors(const QString &path, QStringLi
     if (!names)
         return;
     for (const QString &name : *names) {
+        ++m_uploadQueueNum;
         const QString full = joinPath(path, name);
         const QFileInfo info(full);
         if (!info.exists())

@@ -19,6 +19,21 @@ inline FileSDK::CliprdrHeader makeHeader(std::uint32_t connID, std::uint32_t msg
     return header;
 }
 
+// The announcement of a file copy: the descriptor format, then the contents format.
+inline FileSDK::CliprdrFormatList makeFileFormatList(const FileSDK::CliprdrHeader &header)
+{
+    FileSDK::CliprdrFormatList list;
+    *list.mutable_header() = header;
+    list.set_numformats(2);
+    FileSDK::CliprdrFormat *descriptors = list.add_formats();
+    descriptors->set_formatid(49346);
+    descriptors->set_formatname("FileGroupDescriptorW");
+    FileSDK::CliprdrFormat *contents = list.add_formats();
+    contents->set_formatid(49327);
+    contents->set_formatname("FileContents");
+    return list;
+}
+
 // A payload that does not parse yields no message; the caller decides what that means.
 template <typename Message>
 std::optional<Message> parseMessage(const QByteArray &payload)

@@ -154,16 +154,7 @@ void AgentSimulator::sendFormatList()
 {
     if (m_offer.isEmpty())
         return;
-    FileSDK::CliprdrFormatList list;
-    *list.mutable_header() = kx::makeHeader(1, 2, 0, 0);
-    list.set_numformats(2);
-    auto *group = list.add_formats();
-    group->set_formatid(49346);
-    group->set_formatname("FileGroupDescriptorW");
-    auto *contents = list.add_formats();
-    contents->set_formatid(49327);
-    contents->set_formatname("FileContents");
-    send(list, FrameType::formatList);
+    send(kx::makeFileFormatList(kx::makeHeader(1, 2, 0, 0)), FrameType::formatList);
     say(QStringLiteral("offered %1 entries (%2 bytes): press Ctrl+V to paste them").arg(m_offer.size()).arg(m_offerBytes));
 }
 
