@@ -62,6 +62,7 @@ private slots:
     void onlyFoldersEndsWithoutCallback();
     void emptyReplyIsRepeatedAfterAWait();
     void cancelWhileSizeQueryIsOut();
+    void cancelDuringRetryWaitEndsThePaste();
     void nextPasteAfterCancelStartsAtZero();
     void disconnectDuringDownload();
     void startPasteWhileDownloadingReplacesCallbacks();
@@ -340,6 +341,24 @@ void TestPaste::cancelWhileSizeQueryIsOut()
     QCOMPARE(s->engine->pasteStatus(), PasteStatus::complete);
     QVERIFY(!s->engine->hasFormList());
     QVERIFY(QFileInfo::exists(s->dest + "/f")); // the partial file stays
+}
+
+void TestPaste::cancelDuringRetryWaitEndsThePaste()
+{
+    QVERIFY(s->remoteCopy());
+    s->paste();
+    QVERIFY(s->offer({TestAgent::fileDescriptor("f", 1000)}));
+    auto query = s->nextQuery();
+    s->agent.sendMessage(rangeReply(query->streamid(), QByteArray(8, '\0')), FrameType::fileContentsResponse);
+    query = s->nextQuery();
+    LogCapture log;
+    s->agent.sendMessage(rangeReply(query->streamid(), {}), FrameType::fileContentsResponse);
+    // Once the empty reply is handled, the repeat is waiting on its timer.
+    QTRY_VERIFY(log.containsPrefix(QStringLiteral("当前文件index:")));
+    s->engine->setPasteStatus(PasteStatus::cancel);
+    QTRY_COMPARE_WITH_TIMEOUT(s->completions.size(), 1, 3000);
+    QCOMPARE(s->completions.first(), std::make_pair(false, PastedError::cancelDownload));
+    QVERIFY(!s->agent.nextFrame(800)); // the repeat is not sent
 }
 
 void TestPaste::nextPasteAfterCancelStartsAtZero()

@@ -5,9 +5,18 @@
 
 #include <QApplication>
 
+#include <cstdio>
+
 int main(int argc, char *argv[])
 {
     kx::installStdoutLogHandler();
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+        && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        // Without a display there is no clipboard or keyboard to watch, but the process
+        // still connects and serves; it must not die in the toolkit's start-up.
+        std::printf("No graphical display found: the clipboard and Ctrl+V cannot be watched.\n");
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
     QApplication app(argc, argv);
     // A background agent: closing the progress window, the chooser or an alert must
     // never end it; it ends when the host application is gone.

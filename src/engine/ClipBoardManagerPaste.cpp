@@ -259,10 +259,16 @@ void ClipBoardManager::scheduleRangeRetry()
     // Waiting on a timer, not a sleep: the connection and the user stay served meanwhile.
     const std::uint64_t serial = m_requestSerial;
     QTimer::singleShot(retryWaitMs, this, [this, serial] {
-        if (serial != m_requestSerial || !m_currentDescriptorw || m_pasteStatus != PasteStatus::downloading
-            || m_contentType != RequestContentType::queryItemFlags)
+        if (serial != m_requestSerial || !m_currentDescriptorw || m_contentType != RequestContentType::queryItemFlags)
             return;
-        sendRangeQuery(rangeRetrySent);
+        // Stop pressed during the wait: no reply is outstanding to end the paste, so the
+        // repeat that would have drawn one ends it now.
+        if (m_pasteStatus == PasteStatus::cancel) {
+            endPaste(PastedError::cancelDownload);
+            return;
+        }
+        if (m_pasteStatus == PasteStatus::downloading)
+            sendRangeQuery(rangeRetrySent);
     });
 }
 

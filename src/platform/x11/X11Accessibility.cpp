@@ -13,6 +13,6 @@ bool X11Accessibility::isProcessTrusted(bool prompt)
 QString X11Accessibility::missingCapability() const
 {
     return QStringLiteral("global Ctrl+V needs an X11 display with the XInput2 extension (platform here: %1); "
-                          "copying local files to the remote side still works")
+                          "local copies are still announced wherever the clipboard can be read")
         .arg(QGuiApplication::platformName());
 }
