@@ -1,6 +1,7 @@
 #include "SocketManager.h"
 
 #include <QLoggingCategory>
+#include <QAbstractSocket>
 #include <QSslError>
 #include <QTimer>
 #include <QUrl>
@@ -136,6 +137,12 @@ void SocketManager::write(const QByteArray &frame, std::function<void()> complet
 void SocketManager::onConnected()
 {
     m_connectTimer->stop();
+    // Queries are small and each waits for its answer: Nagle's algorithm against the
+    // peer's delayed acknowledgement would cost tens of milliseconds per round trip.
+    if (m_socket) {
+        for (QAbstractSocket *transport : m_socket->findChildren<QAbstractSocket *>())
+            transport->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    }
     m_isConnected = true;
     m_websoketStatus = WebsoketStatus::connected;
     // Qt does not expose the handshake response's headers; the empty dictionary keeps the

@@ -126,6 +126,8 @@ void AgentSimulator::onConnection()
             m_client->abort();
         m_client = socket;
         socket->setParent(this);
+        for (QAbstractSocket *transport : socket->findChildren<QAbstractSocket *>())
+            transport->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         say(QStringLiteral("companion connected"));
         connect(socket, &QWebSocket::binaryMessageReceived, this, &AgentSimulator::onFrame);
         connect(socket, &QWebSocket::disconnected, this, [this, socket] {
