@@ -1,78 +1,32 @@
 // Times whole transfers of the real engine and socket manager against the agent
-// simulator over loopback: a paste of one big file, and serving one big file and a
-// tree of many small files. Prints one line per figure.
+// simulator over loopback, each next to its reference measured in the same run, and
+// prints one table. Sizes can be scaled down with KX_BENCH_SCALE (e.g. 0.1).
 #include "ClipBoardManager.h"
 #include "KXFileManager.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QEventLoop>
 #include <QTimer>
 
-#include <functional>
-
 #include <cstdio>
+#include <functional>
+#include <optional>
 
 namespace {
 
 class FixedChooser : public FolderChooser
 {
 public:
-    explicit FixedChooser(QString folder) : folder(std::move(folder)) {}
-    FolderChoice runModal() override { return {true, QUrl::fromLocalFile(folder)}; }
     QString folder;
+    FolderChoice runModal() override { return {true, QUrl::fromLocalFile(folder)}; }
 };
-
-void writeRandom(const QString &path, qint64 size)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    QByteArray block(1 << 20, Qt::Uninitialized);
-    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(block.data()), block.size() / 4);
-    for (qint64 done = 0; done < size; done += block.size())
-        file.write(block.constData(), std::min<qint64>(block.size(), size - done));
-}
-
-bool runUntil(const std::function<bool()> &predicate, int timeoutMs);
-
-struct Agent
-{
-    QProcess process;
-    QString port;
-
-    bool start(const QStringList &arguments)
-    {
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(QStringLiteral(KX_AGENT_SIM), arguments);
-        return waitFor(QStringLiteral("listening on"), 10000);
-    }
-    bool waitFor(const QString &text, int ms)
-    {
-        return runUntil([&] {
-            log += QString::fromUtf8(process.readAll());
-            static const QRegularExpression portText(QStringLiteral(":(\\d+)\\n"));
-            if (port.isEmpty()) {
-                const auto match = portText.match(log);
-                if (match.hasMatch())
-                    port = match.captured(1);
-            }
-            return log.contains(text);
-        }, ms);
-    }
-    QString log;
-};
-
-double mbPerSecond(qint64 bytes, qint64 ms)
-{
-    return double(bytes) / 1e6 / (double(std::max<qint64>(ms, 1)) / 1000.0);
-}
 
 void silence(QtMsgType, const QMessageLogContext &, const QString &) {}
 
@@ -93,54 +47,203 @@ bool runUntil(const std::function<bool()> &predicate, int timeoutMs)
     return predicate();
 }
 
+void writeRandom(const QString &path, qint64 size)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write %s", qPrintable(path));
+    QByteArray block(1 << 20, Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(block.data()), block.size() / 4);
+    for (qint64 done = 0; done < size; done += block.size())
+        file.write(block.constData(), std::min<qint64>(block.size(), size - done));
+}
+
+void makeManyFiles(const QString &folder, int count)
+{
+    QDir().mkpath(folder);
+    for (int i = 0; i < count; ++i)
+        writeRandom(QStringLiteral("%1/f%2.txt").arg(folder).arg(i), 4096);
+}
+
+// Peak resident memory of this process since the last reset, in MiB.
+double peakResidentMiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    status.open(QIODevice::ReadOnly);
+    static const QRegularExpression hwm(QStringLiteral("VmHWM:\\s+(\\d+) kB"));
+    const auto match = hwm.match(QString::fromLatin1(status.readAll()));
+    return match.hasMatch() ? match.captured(1).toDouble() / 1024.0 : -1;
+}
+
+void resetPeakResident()
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    if (clear.open(QIODevice::WriteOnly))
+        clear.write("5");
+}
+
+struct Agent
+{
+    QProcess process;
+    QString port;
+    QString log;
+
+    explicit Agent(const QStringList &arguments)
+    {
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(QStringLiteral(KX_AGENT_SIM), arguments);
+        if (!waitFor(QStringLiteral("listening on"), 1, 10000))
+            qFatal("the agent simulator did not start");
+        static const QRegularExpression portText(QStringLiteral(":(\\d+)\\n"));
+        port = portText.match(log).captured(1);
+    }
+    ~Agent()
+    {
+        process.kill();
+        process.waitForFinished();
+    }
+    bool waitFor(const QString &text, int count, int ms)
+    {
+        return runUntil([&] {
+            log += QString::fromUtf8(process.readAll());
+            return log.count(text) >= count;
+        }, ms);
+    }
+};
+
+struct Row
+{
+    QString what;
+    QString figure;
+    QString reference;
+};
+QList<Row> rows;
+
+void row(const QString &what, const QString &figure, const QString &reference = QString())
+{
+    rows.append({what, figure, reference});
+    std::printf("%-46s %-24s %s\n", qPrintable(what), qPrintable(figure), qPrintable(reference));
+    std::fflush(stdout);
+}
+
+QString mbps(qint64 bytes, qint64 ms)
+{
+    return QString::number(double(bytes) / 1048576.0 / (double(std::max<qint64>(ms, 1)) / 1000.0), 'f', 1) + " MiB/s";
+}
+
+FixedChooser *chooser = nullptr;
+
+// One paste of everything in the offered folder; milliseconds from Ctrl+V to the end.
+qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
+{
+    Agent agent({"--offer", offer, "--rtt-ms", QString::number(rttMs)});
+    QDir().mkpath(dest);
+    chooser->folder = dest;
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port, QStringLiteral("bench"), QStringLiteral("1"),
+                            nullptr);
+    if (!runUntil([&] { return engine.hasFormList(); }, 20000))
+        qFatal("no offer arrived");
+    std::optional<PastedError> result;
+    QElapsedTimer timer;
+    timer.start();
+    engine.startPaste([](double) {}, [&](bool, PastedError error) { result = error; });
+    if (!runUntil([&] { return result.has_value(); }, 1800000) || *result != PastedError::noError)
+        qFatal("the paste did not finish: %s", qPrintable(result ? pastedErrorName(*result) : QStringLiteral("time-out")));
+    return timer.elapsed();
+}
+
+// One local copy fetched by the agent; milliseconds from the copy to the last byte.
+qint64 serve(const QList<QUrl> &urls, const QString &inbox)
+{
+    Agent agent({"--inbox", inbox});
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port, QStringLiteral("bench"), QStringLiteral("1"),
+                            nullptr);
+    if (!agent.waitFor(QStringLiteral("client type frame received"), 1, 20000))
+        qFatal("the companion did not connect");
+    QElapsedTimer timer;
+    timer.start();
+    engine.copiedFiles(urls);
+    if (!agent.waitFor(QStringLiteral("received "), 1, 1800000))
+        qFatal("the agent did not fetch the copy");
+    return timer.elapsed();
+}
+
+qint64 copyWithCp(const QString &from, const QString &to)
+{
+    QElapsedTimer timer;
+    timer.start();
+    QProcess::execute(QStringLiteral("cp"), {from, to});
+    QProcess::execute(QStringLiteral("sync"), {});
+    return timer.elapsed();
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     qInstallMessageHandler(silence); // the engine's per-step lines would time the terminal
-    const qint64 bigSize = 100LL * 1000 * 1000;
-    const int smallFiles = 2000;
-    QTemporaryDir dir;
-    QDir().mkpath(dir.filePath("offer"));
-    QDir().mkpath(dir.filePath("dest"));
-    QDir().mkpath(dir.filePath("inbox"));
-    QDir().mkpath(dir.filePath("local/many"));
-    writeRandom(dir.filePath("offer/big.bin"), bigSize);
-    writeRandom(dir.filePath("local/big.bin"), bigSize);
-    for (int i = 0; i < smallFiles; ++i)
-        writeRandom(dir.filePath(QStringLiteral("local/many/f%1.txt").arg(i)), 4096);
+    const double scale = qEnvironmentVariableIsSet("KX_BENCH_SCALE") ? qEnvironmentVariable("KX_BENCH_SCALE").toDouble() : 1.0;
+    const qint64 bigSize = qint64(1024.0 * 1024 * 1024 * scale);
+    const int fewFiles = int(10000 * scale);
+    const int manyFiles = 2 * fewFiles;
+    QTemporaryDir dir(QDir::currentPath() + QStringLiteral("/bench-XXXXXX"));
+    auto path = [&](const QString &name) { return dir.filePath(name); };
+    for (const char *folder : {"offer-big", "dest", "inbox", "local", "offer-few", "offer-many", "offer-rtt"})
+        QDir().mkpath(path(folder));
+    auto *owned = new FixedChooser;
+    chooser = owned;
+    KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(owned));
 
-    Agent agent;
-    if (!agent.start({"--offer", dir.filePath("offer"), "--inbox", dir.filePath("inbox")}))
-        qFatal("the agent simulator did not start");
-    KXFileManager::shared()->setFolderChooser(std::make_unique<FixedChooser>(dir.filePath("dest")));
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port, QStringLiteral("bench"), QStringLiteral("1"), nullptr);
-    if (!runUntil([&] { return engine.hasFormList(); }, 10000))
-        qFatal("no offer arrived");
+    std::printf("%-46s %-24s %s\n", "measure", "figure", "reference (same run)");
+    writeRandom(path("offer-big/big.bin"), bigSize);
 
-    bool done = false;
-    QElapsedTimer timer;
-    timer.start();
-    engine.startPaste([](double) {}, [&](bool ok, PastedError) { done = ok; });
-    if (!runUntil([&] { return done; }, 600000))
-        qFatal("the paste did not finish");
-    const qint64 pasteMs = timer.elapsed();
-    std::printf("paste of one %lld-byte file: %lld ms, %.1f MB/s\n", bigSize, pasteMs, mbPerSecond(bigSize, pasteMs));
+    // One big file each way, next to cp of the same file on the same disk. The page cache
+    // is left as it is: every figure here, cp included, reads a warm file.
+    const qint64 cpMs = copyWithCp(path("offer-big/big.bin"), path("cp-copy.bin"));
+    QFile::remove(path("cp-copy.bin"));
+    resetPeakResident();
+    qint64 ms = paste(path("offer-big"), path("dest"));
+    QProcess::execute(QStringLiteral("sync"), {});
+    row(QStringLiteral("paste of one %1 MiB file").arg(bigSize >> 20), mbps(bigSize, ms),
+        QStringLiteral("cp: %1, ratio %2").arg(mbps(bigSize, cpMs)).arg(double(cpMs) / double(ms), 0, 'f', 2));
+    row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(peakResidentMiB(), 0, 'f', 1));
+    QDir(path("dest")).removeRecursively();
+    resetPeakResident();
+    ms = serve({QUrl::fromLocalFile(path("offer-big/big.bin"))}, path("inbox"));
+    QProcess::execute(QStringLiteral("sync"), {});
+    row(QStringLiteral("copy (served) of one %1 MiB file").arg(bigSize >> 20), mbps(bigSize, ms),
+        QStringLiteral("cp: %1, ratio %2").arg(mbps(bigSize, cpMs)).arg(double(cpMs) / double(ms), 0, 'f', 2));
+    row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(peakResidentMiB(), 0, 'f', 1));
+    QDir(path("inbox")).removeRecursively();
+    QDir(path("offer-big")).removeRecursively();
 
-    auto serve = [&](const QList<QUrl> &urls, const char *what, qint64 bytes) {
-        const int before = int(agent.log.count(QStringLiteral("received ")));
-        timer.restart();
-        engine.copiedFiles(urls);
-        if (!runUntil([&] { agent.waitFor(QString(), 0); return agent.log.count(QStringLiteral("received ")) > before; }, 600000))
-            qFatal("the agent did not fetch %s", what);
-        const qint64 ms = timer.elapsed();
-        std::printf("serving %s: %lld ms, %.1f MB/s\n", what, ms, mbPerSecond(bytes, ms));
-    };
-    serve({QUrl::fromLocalFile(dir.filePath("local/big.bin"))}, "one 100 MB file", bigSize);
-    serve({QUrl::fromLocalFile(dir.filePath("local/many"))}, "2,000 files of 4 KiB", qint64(smallFiles) * 4096);
-    std::fflush(stdout);
-    agent.process.kill();
-    agent.process.waitForFinished();
+    // Many small files: growth from N to 2N files should be linear.
+    makeManyFiles(path("offer-few/tree"), fewFiles);
+    makeManyFiles(path("offer-many/tree"), manyFiles);
+    const qint64 pasteFew = paste(path("offer-few"), path("dest-few"));
+    resetPeakResident();
+    const qint64 pasteMany = paste(path("offer-many"), path("dest-many"));
+    const double pastePeak = peakResidentMiB();
+    row(QStringLiteral("paste of %1 files of 4 KiB").arg(fewFiles), QStringLiteral("%1 files/s").arg(fewFiles * 1000 / std::max<qint64>(pasteFew, 1)));
+    row(QStringLiteral("paste of %1 files of 4 KiB").arg(manyFiles), QStringLiteral("%1 files/s").arg(manyFiles * 1000 / std::max<qint64>(pasteMany, 1)),
+        QStringLiteral("time ratio to %1 files: %2").arg(fewFiles).arg(double(pasteMany) / double(pasteFew), 0, 'f', 2));
+    row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(pastePeak, 0, 'f', 1));
+    const qint64 serveFew = serve({QUrl::fromLocalFile(path("offer-few/tree"))}, path("inbox-few"));
+    resetPeakResident();
+    const qint64 serveMany = serve({QUrl::fromLocalFile(path("offer-many/tree"))}, path("inbox-many"));
+    const double servePeak = peakResidentMiB();
+    row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(fewFiles), QStringLiteral("%1 files/s").arg(fewFiles * 1000 / std::max<qint64>(serveFew, 1)));
+    row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(manyFiles), QStringLiteral("%1 files/s").arg(manyFiles * 1000 / std::max<qint64>(serveMany, 1)),
+        QStringLiteral("time ratio to %1 files: %2").arg(fewFiles).arg(double(serveMany) / double(serveFew), 0, 'f', 2));
+    row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(servePeak, 0, 'f', 1));
+
+    // A far remote desktop: one range per round trip bounds the rate.
+    const qint64 rttSize = qint64(64.0 * 1024 * 1024 * std::min(1.0, scale * 4));
+    writeRandom(path("offer-rtt/far.bin"), rttSize);
+    ms = paste(path("offer-rtt"), path("dest-rtt"), 20);
+    const double bound = 262144.0 / 1048576.0 / 0.020;
+    row(QStringLiteral("paste of %1 MiB with a 20 ms round trip").arg(rttSize >> 20), mbps(rttSize, ms),
+        QStringLiteral("bound of one range per round trip: %1 MiB/s").arg(bound, 0, 'f', 1));
     return 0;
 }
