@@ -47,6 +47,10 @@ public:
     void startPaste(ProgressCallback progress, CompletionCallback completion);
     void copiedFiles(const QList<QUrl> &urls);
 
+    // The path from one folder to an item, components joined with "//" as the remote
+    // side expects them.
+    static QString relativePath(const QString &from, const QString &to);
+
     PasteStatus pasteStatus() const { return m_pasteStatus; }
     // Setting cancel is the stop request; the paste ends at the next file-contents reply.
     void setPasteStatus(PasteStatus status) { m_pasteStatus = status; }
@@ -116,10 +120,6 @@ private:
     void sendContentsResponse(std::uint32_t streamId, const QByteArray &data, std::uint32_t msgFlags);
     KXFileStreamOperation *uploadStreamerFor(std::uint32_t listIndex);
 
-public:
-    static QString relativePath(const QString &from, const QString &to);
-
-private:
     PasteboardAccess *m_pasteboard = nullptr;
     QString m_urlText;
 
