@@ -1,4 +1,5 @@
 #include "AppDelegate.h"
+#include "FrameAllocator.h"
 #include "LinuxPlatform.h"
 #include "LogOutput.h"
 #include "ViewController.h"
@@ -9,6 +10,7 @@
 
 int main(int argc, char *argv[])
 {
+    kx::keepFrameBuffersMapped();
     kx::installStdoutLogHandler();
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
         && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {

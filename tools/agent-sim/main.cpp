@@ -1,4 +1,5 @@
 #include "AgentSimulator.h"
+#include "FrameAllocator.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -8,6 +9,7 @@
 
 int main(int argc, char *argv[])
 {
+    kx::keepFrameBuffersMapped();
     QCoreApplication app(argc, argv);
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("A simulated remote clipboard agent for the clipboard companion."));
