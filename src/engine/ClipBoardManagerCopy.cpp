@@ -22,13 +22,17 @@ constexpr std::uint32_t directoryAttributes = 0x10;
 constexpr std::uint32_t responseFailedFlags = 2;
 const char *const zeroClsid = "{00000000-0000-0000-0000-000000000000}";
 
+// The offer's log lines hold every entry on one line; for tens of thousands of entries
+// that text is the largest thing the copy allocates, so it is built in place, once.
 QString printed(const QList<QUrl> &urls)
 {
-    QStringList texts;
-    texts.reserve(urls.size());
-    for (const QUrl &url : urls)
-        texts.append(url.toString());
-    return QLatin1Char('[') + texts.join(QStringLiteral(", ")) + QLatin1Char(']');
+    QString text = QStringLiteral("[");
+    for (const QUrl &url : urls) {
+        if (text.size() > 1)
+            text += QStringLiteral(", ");
+        text += url.toString();
+    }
+    return text += QLatin1Char(']');
 }
 
 QString printed(const QList<FileSDK::FileDescriptorw> &descriptors)
@@ -36,14 +40,15 @@ QString printed(const QList<FileSDK::FileDescriptorw> &descriptors)
     google::protobuf::TextFormat::Printer printer;
     printer.SetSingleLineMode(true);
     printer.SetUseUtf8StringEscaping(true);
-    QStringList texts;
-    texts.reserve(descriptors.size());
+    QString text = QStringLiteral("[");
+    std::string entry;
     for (const FileSDK::FileDescriptorw &descriptor : descriptors) {
-        std::string text;
-        printer.PrintToString(descriptor, &text);
-        texts.append(QString::fromStdString(text).trimmed());
+        printer.PrintToString(descriptor, &entry);
+        if (text.size() > 1)
+            text += QStringLiteral(", ");
+        text += QString::fromUtf8(entry).trimmed();
     }
-    return QLatin1Char('[') + texts.join(QStringLiteral(", ")) + QLatin1Char(']');
+    return text += QLatin1Char(']');
 }
 
 QString joinPath(const QString &folder, const QString &name)
@@ -249,9 +254,16 @@ void ClipBoardManager::appendDirectoryDescriptors(const QString &path, QStringLi
 
 KXFileStreamOperation *ClipBoardManager::uploadStreamerFor(std::uint32_t listIndex)
 {
+    const QString path = m_uploadCopyUrlList.at(listIndex).toLocalFile();
+    // The open file would still read after the user deleted it; the remote side should
+    // learn that the file is gone rather than receive what the user threw away.
+    if (m_uploadStreamer && m_uploadStreamerIndex == listIndex && !QFileInfo::exists(path)) {
+        m_uploadStreamer.reset();
+        m_uploadStreamerIndex.reset();
+        return nullptr;
+    }
     if (!m_uploadStreamer || m_uploadStreamerIndex != listIndex) {
-        m_uploadStreamer = KXFileStreamOperation::initFileOperationAtPath(
-            m_uploadCopyUrlList.at(listIndex).toLocalFile(), false, m_pasteBasePath);
+        m_uploadStreamer = KXFileStreamOperation::initFileOperationAtPath(path, false, m_pasteBasePath);
         m_uploadStreamerIndex = m_uploadStreamer ? std::optional(listIndex) : std::nullopt;
     }
     return m_uploadStreamer.get();
