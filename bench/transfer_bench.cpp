@@ -1,9 +1,11 @@
 // Times whole transfers of the real engine and socket manager against the agent
 // simulator over loopback, each next to its reference measured in the same run, and
 // prints one table. Sizes can be scaled down with KX_BENCH_SCALE (e.g. 0.1).
+#include "AgentProcess.h"
 #include "ClipBoardManager.h"
 #include "FrameAllocator.h"
 #include "KXFileManager.h"
+#include "LogOutput.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -21,6 +23,8 @@
 #include <functional>
 #include <optional>
 
+#include <unistd.h>
+
 namespace {
 
 class FixedChooser : public FolderChooser
@@ -30,24 +34,8 @@ public:
     FolderChoice runModal() override { return {true, QUrl::fromLocalFile(folder)}; }
 };
 
-void silence(QtMsgType, const QMessageLogContext &, const QString &) {}
-
-// Runs the event loop until the predicate holds. QTest::qWaitFor naps between its
-// turns, which would be measured as transfer time.
-bool runUntil(const std::function<bool()> &predicate, int timeoutMs)
-{
-    QEventLoop loop;
-    QTimer check;
-    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
-        if (predicate())
-            loop.quit();
-    });
-    check.start(1);
-    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    if (!predicate())
-        loop.exec();
-    return predicate();
-}
+// The table goes here; standard output itself takes the engine's log lines.
+FILE *table = stdout;
 
 void writeRandom(const QString &path, qint64 size)
 {
@@ -84,35 +72,6 @@ void resetPeakResident()
         clear.write("5");
 }
 
-struct Agent
-{
-    QProcess process;
-    QString port;
-    QString log;
-
-    explicit Agent(const QStringList &arguments)
-    {
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(QStringLiteral(KX_AGENT_SIM), arguments);
-        if (!waitFor(QStringLiteral("listening on"), 1, 10000))
-            qFatal("the agent simulator did not start");
-        static const QRegularExpression portText(QStringLiteral(":(\\d+)\\n"));
-        port = portText.match(log).captured(1);
-    }
-    ~Agent()
-    {
-        process.kill();
-        process.waitForFinished();
-    }
-    bool waitFor(const QString &text, int count, int ms)
-    {
-        return runUntil([&] {
-            log += QString::fromUtf8(process.readAll());
-            return log.count(text) >= count;
-        }, ms);
-    }
-};
-
 struct Row
 {
     QString what;
@@ -124,8 +83,8 @@ QList<Row> rows;
 void row(const QString &what, const QString &figure, const QString &reference = QString())
 {
     rows.append({what, figure, reference});
-    std::printf("%-46s %-24s %s\n", qPrintable(what), qPrintable(figure), qPrintable(reference));
-    std::fflush(stdout);
+    std::fprintf(table, "%-46s %-24s %s\n", qPrintable(what), qPrintable(figure), qPrintable(reference));
+    std::fflush(table);
 }
 
 QString mbps(qint64 bytes, qint64 ms)
@@ -138,10 +97,10 @@ FixedChooser *chooser = nullptr;
 // One paste of everything in the offered folder; milliseconds from Ctrl+V to the end.
 qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
 {
-    Agent agent({"--offer", offer, "--rtt-ms", QString::number(rttMs)});
+    AgentProcess agent({"--offer", offer, "--rtt-ms", QString::number(rttMs)});
     QDir().mkpath(dest);
     chooser->folder = dest;
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port, QStringLiteral("bench"), QStringLiteral("1"),
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
                             nullptr);
     if (!runUntil([&] { return engine.hasFormList(); }, 20000))
         qFatal("no offer arrived");
@@ -157,8 +116,8 @@ qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
 // One local copy fetched by the agent; milliseconds from the copy to the last byte.
 qint64 serve(const QList<QUrl> &urls, const QString &inbox)
 {
-    Agent agent({"--inbox", inbox});
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port, QStringLiteral("bench"), QStringLiteral("1"),
+    AgentProcess agent({"--inbox", inbox});
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
                             nullptr);
     if (!agent.waitFor(QStringLiteral("client type frame received"), 1, 20000))
         qFatal("the companion did not connect");
@@ -271,7 +230,12 @@ int main(int argc, char *argv[])
 {
     kx::keepFrameBuffersMapped(); // as the companion itself does at start-up
     QCoreApplication app(argc, argv);
-    qInstallMessageHandler(silence); // the engine's per-step lines would time the terminal
+    // The engine's lines are formatted and written as in the companion, but into /dev/null
+    // (KX_BENCH_LOG names a file instead): a terminal's speed is not ours to measure.
+    table = fdopen(dup(STDOUT_FILENO), "w");
+    if (!table || !std::freopen(qEnvironmentVariableIsSet("KX_BENCH_LOG") ? qgetenv("KX_BENCH_LOG").constData() : "/dev/null", "w", stdout))
+        qFatal("cannot set the log output aside");
+    kx::installStdoutLogHandler();
     const double scale = qEnvironmentVariableIsSet("KX_BENCH_SCALE") ? qEnvironmentVariable("KX_BENCH_SCALE").toDouble() : 1.0;
     // KX_BENCH_ONLY=big|files|rtt runs one group, e.g. under a profiler.
     const QString only = qEnvironmentVariable("KX_BENCH_ONLY");
@@ -284,7 +248,7 @@ int main(int argc, char *argv[])
     chooser = owned;
     KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(owned));
 
-    std::printf("%-46s %-24s %s\n", "measure", "figure", "reference (same run)");
+    std::fprintf(table, "%-46s %-24s %s\n", "measure", "figure", "reference (same run)");
     if (runs("big"))
         bigFile(path, qint64(1024.0 * 1024 * 1024 * scale));
     if (runs("files"))

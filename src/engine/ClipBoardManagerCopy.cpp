@@ -35,20 +35,24 @@ QString printed(const QList<QUrl> &urls)
     return text += QLatin1Char(']');
 }
 
-QString printed(const QList<FileSDK::FileDescriptorw> &descriptors)
+// Kept in UTF-8, the form the log line is written in, at half the size of a QString.
+std::string printed(const QList<FileSDK::FileDescriptorw> &descriptors)
 {
     google::protobuf::TextFormat::Printer printer;
     printer.SetSingleLineMode(true);
     printer.SetUseUtf8StringEscaping(true);
-    QString text = QStringLiteral("[");
+    std::string text = "[";
+    text.reserve(size_t(descriptors.size()) * 360 + 2); // about one entry's length
     std::string entry;
     for (const FileSDK::FileDescriptorw &descriptor : descriptors) {
         printer.PrintToString(descriptor, &entry);
+        while (!entry.empty() && entry.back() == ' ')
+            entry.pop_back();
         if (text.size() > 1)
-            text += QStringLiteral(", ");
-        text += QString::fromUtf8(entry).trimmed();
+            text += ", ";
+        text += entry;
     }
-    return text += QLatin1Char(']');
+    return text += ']';
 }
 
 QString joinPath(const QString &folder, const QString &name)
@@ -108,15 +112,20 @@ void ClipBoardManager::handleDataRequest(const QByteArray &payload)
         descriptor.set_citems(std::uint32_t(m_uploadQueueNum));
 
     qCInfo(lcEngine).noquote().nospace() << "所有文件个数:" << m_uploadQueueNum;
-    qCInfo(lcEngine).noquote().nospace() << "上传des数组:" << printed(m_uploadCopyQueue);
+    if (lcEngine().isInfoEnabled()) // printf form: the text is not copied into a QDebug stream
+        qCInfo(lcEngine, "上传des数组:%s", printed(m_uploadCopyQueue).c_str());
     qCInfo(lcEngine).noquote().nospace() << "所有文件路径:" << printed(m_uploadCopyUrlList);
 
     FileSDK::MacCliprdrFormatDataResponse response;
     *response.mutable_header() = kx::makeHeader(1, 0, 1, 1);
+    // The descriptors are lent to the message for its encoding rather than copied: a big
+    // offer would otherwise be held twice at once.
     response.mutable_filedes()->Reserve(int(m_uploadCopyQueue.size()));
-    for (const FileSDK::FileDescriptorw &descriptor : std::as_const(m_uploadCopyQueue))
-        *response.add_filedes() = descriptor;
+    for (FileSDK::FileDescriptorw &descriptor : m_uploadCopyQueue)
+        response.add_filedes()->Swap(&descriptor);
     send(response, FrameType::formatDataResponse, "send DataResponse success");
+    for (qsizetype i = 0; i < m_uploadCopyQueue.size(); ++i)
+        m_uploadCopyQueue[i].Swap(response.mutable_filedes(int(i)));
 }
 
 // Symbolic links are followed, so a link back to a folder being walked would never end:

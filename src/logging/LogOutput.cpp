@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringEncoder>
 #include <QtGlobal>
 
 #include <cstdio>
@@ -13,14 +14,20 @@ namespace {
 
 void writeLine(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    const QByteArray text = message.toUtf8();
     const bool ours = context.category && std::strncmp(context.category, "kx.", 3) == 0;
     if (ours && (type == QtInfoMsg || type == QtDebugMsg)) {
-        std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
+        // Encoded piece by piece: one line may list a whole offer of tens of thousands of
+        // files, and a second full copy of it in UTF-8 would be held only to be written.
+        QStringEncoder toUtf8(QStringEncoder::Utf8);
+        constexpr qsizetype piece = 1 << 16;
+        for (qsizetype at = 0; at < message.size(); at += piece) {
+            const QByteArray bytes = toUtf8(QStringView(message).mid(at, piece));
+            std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+        }
         std::fputc('\n', stdout);
         return;
     }
-    std::fprintf(stderr, "%s: %s\n", context.category ? context.category : "qt", text.constData());
+    std::fprintf(stderr, "%s: %s\n", context.category ? context.category : "qt", message.toUtf8().constData());
     if (type == QtFatalMsg)
         std::abort();
 }
