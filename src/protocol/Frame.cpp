@@ -30,26 +30,28 @@ std::optional<ReceivedFrame> splitFrame(const QByteArray &frame)
 
 void dispatchFrame(const QByteArray &frame, FrameHandler &handler)
 {
-    const auto received = splitFrame(frame);
-    if (!received)
+    if (frame.isEmpty())
         return;
-    switch (FrameType(received->type)) {
+    // A range answer is a quarter of a MiB: the handlers read the payload in place (the
+    // frame outlives the call), rather than from a copy made for each one.
+    const ReceivedFrame received{std::uint8_t(frame.back()), QByteArray::fromRawData(frame.constData(), frame.size() - 1)};
+    switch (FrameType(received.type)) {
     case FrameType::formatList:
         qCInfo(lcProtocol).noquote() << "收到formatListRequest";
-        handler.handleFormListRespose(received->payload);
+        handler.handleFormListRespose(received.payload);
         break;
     case FrameType::formatDataRequest:
         qCInfo(lcProtocol).noquote() << "收到dataRequest";
-        handler.handleDataRequest(received->payload);
+        handler.handleDataRequest(received.payload);
         break;
     case FrameType::fileContentsRequest:
-        handler.handleContentRequest(received->payload);
+        handler.handleContentRequest(received.payload);
         break;
     case FrameType::fileContentsResponse:
-        handler.handleContentResponse(received->payload);
+        handler.handleContentResponse(received.payload);
         break;
     case FrameType::formatDataResponse:
-        handler.handleFormatDataResponse(received->payload);
+        handler.handleFormatDataResponse(received.payload);
         break;
     default:
         break;

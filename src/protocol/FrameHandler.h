@@ -3,7 +3,9 @@
 #include <QByteArray>
 
 // Receiver of dispatched frames: one handler per frame type, each given the payload
-// (the frame without its type byte). The session engine implements it.
+// (the frame without its type byte). The payload points into the received frame and is
+// valid only during the call; a handler that keeps it must copy it. The session engine
+// implements it.
 class FrameHandler
 {
 public:
