@@ -88,6 +88,7 @@ quint16 AgentSimulator::port() const
 
 void AgentSimulator::buildOffer()
 {
+    m_serving.reset(); // the files may have been replaced since
     m_offer.clear();
     m_offerBytes = 0;
     const QDir root(m_options.offerDir);
@@ -223,16 +224,22 @@ void AgentSimulator::answerContents(const FileSDK::CliprdrFileContentsRequest &r
         return;
     }
     const quint64 offset = kx::joinHalves(request.npositionhigh(), request.npositionlow());
-    QByteArray data;
+    std::string &data = *response.mutable_requesteddata();
     if (entry.localPath.isEmpty()) {
-        data = QByteArray("evil").mid(qsizetype(offset), qsizetype(request.cbrequested()));
+        data = QByteArray("evil").mid(qsizetype(offset), qsizetype(request.cbrequested())).toStdString();
     } else {
-        QFile file(entry.localPath);
-        if (file.open(QIODevice::ReadOnly) && file.seek(qint64(offset)))
-            data = file.read(request.cbrequested());
+        // Read straight into the answer, from a file kept open while its ranges are asked for.
+        if (!m_serving || m_serving->fileName() != entry.localPath) {
+            m_serving = std::make_unique<QFile>(entry.localPath);
+            if (!m_serving->open(QIODevice::ReadOnly))
+                m_serving.reset();
+        }
+        data.resize(std::min<std::uint32_t>(request.cbrequested(), 64u << 20));
+        const qint64 got = m_serving && m_serving->seek(qint64(offset))
+            ? m_serving->read(data.data(), qint64(data.size())) : 0;
+        data.resize(size_t(std::max<qint64>(got, 0)));
     }
     response.set_cbrequested(std::uint32_t(data.size()));
-    response.set_requesteddata(data.constData(), size_t(data.size()));
     send(response, FrameType::fileContentsResponse);
     m_servedBytes += quint64(data.size());
     if (m_options.dropAfterBytes >= 0 && m_servedBytes >= quint64(m_options.dropAfterBytes) && m_droppedAfter == 0) {

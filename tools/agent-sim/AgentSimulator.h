@@ -74,6 +74,7 @@ private:
     QWebSocketServer *m_server = nullptr;
     QPointer<QWebSocket> m_client;
     QList<Entry> m_offer;
+    std::unique_ptr<QFile> m_serving; // the offered file read last, kept open between ranges
     quint64 m_offerBytes = 0;
     quint64 m_servedBytes = 0;
     qint64 m_droppedAfter = 0;
