@@ -4,11 +4,11 @@
 // the chosen folder and no file inside it grew past its declared size.
 // The input is the encoded list as it comes off the wire.
 #include "ClipBoardManager.h"
+#include "FuzzEngine.h"
 #include "Frame.h"
 #include "KXFileManager.h"
 #include "LoopbackSocketManager.h"
 #include "Messages.h"
-#include "PasteboardAccess.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -21,24 +21,11 @@
 
 namespace {
 
-struct NoPasteboard : PasteboardAccess
-{
-    void clearContents() override {}
-};
-
-struct Chooser : FolderChooser
-{
-    QString folder;
-    FolderChoice runModal() override { return {true, QUrl::fromLocalFile(folder)}; }
-};
-
 QTemporaryDir *root = nullptr;
-Chooser *chooser = nullptr;
+FixedFolderChooser *chooser = nullptr;
 ClipBoardManager *engine = nullptr;
 NoPasteboard pasteboard;
 constexpr std::uint64_t bytesPerRun = 1 << 20;
-
-void silence(QtMsgType, const QMessageLogContext &, const QString &) {}
 
 void writeSeeds(const QString &dir)
 {
@@ -118,7 +105,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
         std::exit(0);
     }
     root = new QTemporaryDir;
-    chooser = new Chooser;
+    chooser = new FixedFolderChooser;
     chooser->folder = root->filePath(QStringLiteral("chosen"));
     KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
     engine = new ClipBoardManager(QStringLiteral("ws://127.0.0.1"), QStringLiteral("9"), QStringLiteral("fuzz"),

@@ -2,10 +2,10 @@
 // may crash it, hang it or make it write outside the chosen folder. An input is a list of
 // steps, each one byte of kind and, for a frame, two bytes of length and the frame.
 #include "ClipBoardManager.h"
+#include "FuzzEngine.h"
 #include "Frame.h"
 #include "KXFileManager.h"
 #include "Messages.h"
-#include "PasteboardAccess.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -18,24 +18,11 @@
 
 namespace {
 
-struct NoPasteboard : PasteboardAccess
-{
-    void clearContents() override {}
-};
-
-struct Chooser : FolderChooser
-{
-    QString folder;
-    FolderChoice runModal() override { return {true, QUrl::fromLocalFile(folder)}; }
-};
-
 QTemporaryDir *root = nullptr;
-Chooser *chooser = nullptr;
+FixedFolderChooser *chooser = nullptr;
 ClipBoardManager *engine = nullptr;
 NoPasteboard pasteboard;
 int runs = 0;
-
-void silence(QtMsgType, const QMessageLogContext &, const QString &) {}
 
 void writeSeeds(const QString &dir)
 {
@@ -91,7 +78,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     source.open(QIODevice::WriteOnly);
     source.write("local file served to the remote side");
     source.close();
-    chooser = new Chooser;
+    chooser = new FixedFolderChooser;
     chooser->folder = root->filePath(QStringLiteral("chosen"));
     KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
     engine = new ClipBoardManager(QStringLiteral("ws://127.0.0.1"), QStringLiteral("9"), QStringLiteral("fuzz"),

@@ -16,18 +16,6 @@ QByteArray hex(const char *text)
     return QByteArray::fromHex(QByteArray(text).replace(' ', ""));
 }
 
-Request query(std::uint32_t listIndex, std::uint32_t flags, std::uint64_t offset = 0, std::uint32_t length = 0,
-              std::uint32_t streamId = 3)
-{
-    Request request;
-    request.set_streamid(streamId);
-    request.set_listindex(listIndex);
-    request.set_dwflags(flags);
-    request.set_npositionlow(std::uint32_t(offset & 0xffffffffu));
-    request.set_npositionhigh(std::uint32_t(offset >> 32));
-    request.set_cbrequested(length);
-    return request;
-}
 
 // "name attributes high low" for each descriptor: what the remote side sees of a list.
 QStringList summary(const FileSDK::MacCliprdrFormatDataResponse &response)

@@ -38,27 +38,7 @@ qint64 residentKiB()
     return rss.match(QString::fromLatin1(status.readAll())).captured(1).toLongLong();
 }
 
-Response contentsReply(std::uint32_t streamId, const QByteArray &data)
-{
-    Response reply;
-    *reply.mutable_header() = kx::makeHeader(1, 0, 1, 1);
-    reply.set_streamid(streamId);
-    reply.set_cbrequested(std::uint32_t(data.size()));
-    reply.set_requesteddata(data.constData(), size_t(data.size()));
-    return reply;
-}
 
-Request query(std::uint32_t index, std::uint32_t flags, std::uint64_t offset, std::uint32_t length)
-{
-    Request request;
-    request.set_streamid(4);
-    request.set_listindex(index);
-    request.set_dwflags(flags);
-    request.set_npositionlow(std::uint32_t(offset & 0xffffffffu));
-    request.set_npositionhigh(std::uint32_t(offset >> 32));
-    request.set_cbrequested(length);
-    return request;
-}
 
 // Limits how large a file this process may write, as a full disk would: writes past the
 // limit fail with EFBIG instead of raising SIGXFSZ.
@@ -184,10 +164,10 @@ void TestFaults::writeFailsMidFile()
     QVERIFY(s->offer({TestAgent::fileDescriptor("big.bin", std::uint64_t(data.size()))}));
     const auto sizeQuery = s->nextQuery();
     QVERIFY(sizeQuery);
-    s->agent.sendMessage(contentsReply(sizeQuery->streamid(), QByteArray(8, '\0')), FrameType::fileContentsResponse);
+    s->agent.sendMessage(rangeReply(sizeQuery->streamid(), QByteArray(8, '\0')), FrameType::fileContentsResponse);
     const auto firstRange = s->nextQuery();
     QVERIFY(firstRange);
-    s->agent.sendMessage(contentsReply(firstRange->streamid(), data.first(range)), FrameType::fileContentsResponse);
+    s->agent.sendMessage(rangeReply(firstRange->streamid(), data.first(range)), FrameType::fileContentsResponse);
     const auto secondRange = s->nextQuery();
     QVERIFY(secondRange);
     QCOMPARE(secondRange->npositionlow(), std::uint32_t(range));
@@ -199,7 +179,7 @@ void TestFaults::writeFailsMidFile()
             QVERIFY(QFile::remove(s->dest + QStringLiteral("/big.bin")));
         else
             QVERIFY(QDir(s->dest).removeRecursively());
-        s->agent.sendMessage(contentsReply(secondRange->streamid(), data.mid(range, range)), FrameType::fileContentsResponse);
+        s->agent.sendMessage(rangeReply(secondRange->streamid(), data.mid(range, range)), FrameType::fileContentsResponse);
         QTRY_COMPARE_WITH_TIMEOUT(s->completions.size(), 1, 10000);
     }
     QCOMPARE(s->completions.first(), std::make_pair(false, PastedError::saveError));
@@ -275,7 +255,7 @@ void TestFaults::agentClosesDuringPaste()
             QVERIFY(request);
             const QByteArray part = request->dwflags() == 1 ? QByteArray(8, '\0')
                                                             : data.mid(request->npositionlow(), request->cbrequested());
-            s->agent.sendMessage(contentsReply(request->streamid(), part), FrameType::fileContentsResponse);
+            s->agent.sendMessage(rangeReply(request->streamid(), part), FrameType::fileContentsResponse);
         }
         if (step >= 1)
             QVERIFY(s->nextQuery()); // the query the agent will never answer
@@ -352,7 +332,7 @@ void TestFaults::floods()
     const qint64 residentBefore = residentKiB();
     QElapsedTimer clock;
     clock.start();
-    const QByteArray reply = kx::encodeFrame(contentsReply(3, pattern(4096, 14)), FrameType::fileContentsResponse);
+    const QByteArray reply = kx::encodeFrame(rangeReply(3, pattern(4096, 14)), FrameType::fileContentsResponse);
     const QByteArray list = kx::encodeFrame(TestAgent::remoteFormatList(), FrameType::formatList);
     const QByteArray flood = type == int(FrameType::formatList) ? list : reply;
     for (int batch = 0; batch < 20; ++batch) {

@@ -22,16 +22,6 @@ using FormatEntries = QList<std::pair<int, QString>>;
 
 namespace {
 
-Response rangeReply(std::uint32_t streamId, const QByteArray &data)
-{
-    Response reply;
-    *reply.mutable_header() = kx::makeHeader(1, 0, 1, 1);
-    reply.set_streamid(streamId);
-    reply.set_cbrequested(std::uint32_t(data.size()));
-    reply.set_requesteddata(data.constData(), size_t(data.size()));
-    return reply;
-}
-
 QStringList entriesBelow(const QString &root)
 {
     QStringList entries;

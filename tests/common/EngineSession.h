@@ -24,6 +24,31 @@ inline QByteArray pattern(qsizetype size, int seed)
     return data;
 }
 
+// A file-contents answer as the remote side sends it.
+inline FileSDK::CliprdrFileContentsResponse rangeReply(std::uint32_t streamId, const QByteArray &data)
+{
+    FileSDK::CliprdrFileContentsResponse reply;
+    *reply.mutable_header() = kx::makeHeader(1, 0, 1, 1);
+    reply.set_streamid(streamId);
+    reply.set_cbrequested(std::uint32_t(data.size()));
+    reply.set_requesteddata(data.constData(), size_t(data.size()));
+    return reply;
+}
+
+// A file-contents query as the remote side sends it.
+inline FileSDK::CliprdrFileContentsRequest query(std::uint32_t listIndex, std::uint32_t flags, std::uint64_t offset = 0,
+                                                 std::uint32_t length = 0, std::uint32_t streamId = 3)
+{
+    FileSDK::CliprdrFileContentsRequest request;
+    request.set_streamid(streamId);
+    request.set_listindex(listIndex);
+    request.set_dwflags(flags);
+    request.set_npositionlow(std::uint32_t(offset & 0xffffffffu));
+    request.set_npositionhigh(std::uint32_t(offset >> 32));
+    request.set_cbrequested(length);
+    return request;
+}
+
 inline QByteArray readFile(const QString &path)
 {
     QFile file(path);
