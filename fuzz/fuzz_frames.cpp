@@ -117,6 +117,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         }
     }
     QCoreApplication::processEvents();
+    // Outside a running event loop deleteLater() never comes due; the companion's loop
+    // would delete the sockets replaced by reconnections, so the harness does it here.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     // Nothing but the chosen folder and the served file may ever appear in the root.
     const QStringList top = QDir(root->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     if (top != QStringList{QStringLiteral("chosen"), QStringLiteral("source.txt")})
