@@ -38,8 +38,6 @@ qint64 residentKiB()
     return rss.match(QString::fromLatin1(status.readAll())).captured(1).toLongLong();
 }
 
-
-
 // Limits how large a file this process may write, as a full disk would: writes past the
 // limit fail with EFBIG instead of raising SIGXFSZ.
 struct FileSizeLimit
