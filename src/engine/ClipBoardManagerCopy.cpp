@@ -42,7 +42,7 @@ std::string printed(const QList<FileSDK::FileDescriptorw> &descriptors)
     printer.SetSingleLineMode(true);
     printer.SetUseUtf8StringEscaping(true);
     std::string text = "[";
-    text.reserve(size_t(descriptors.size()) * 360 + 2); // about one entry's length
+    text.reserve(size_t(descriptors.size()) * 360 + 32); // about one entry's length
     std::string entry;
     for (const FileSDK::FileDescriptorw &descriptor : descriptors) {
         printer.PrintToString(descriptor, &entry);
@@ -112,8 +112,12 @@ void ClipBoardManager::handleDataRequest(const QByteArray &payload)
         descriptor.set_citems(std::uint32_t(m_uploadQueueNum));
 
     qCInfo(lcEngine).noquote().nospace() << "所有文件个数:" << m_uploadQueueNum;
-    if (lcEngine().isInfoEnabled()) // printf form: the text is not copied into a QDebug stream
-        qCInfo(lcEngine, "上传des数组:%s", printed(m_uploadCopyQueue).c_str());
+    if (lcEngine().isInfoEnabled()) {
+        // Handed to the log handler as it is: a QDebug stream or printf formatting would
+        // copy a text of tens of MiB for a big offer, and grow it step by step on the way.
+        const QMessageLogContext context(__FILE__, __LINE__, Q_FUNC_INFO, lcEngine().categoryName());
+        qt_message_output(QtInfoMsg, context, QString::fromUtf8("上传des数组:" + printed(m_uploadCopyQueue)));
+    }
     qCInfo(lcEngine).noquote().nospace() << "所有文件路径:" << printed(m_uploadCopyUrlList);
 
     FileSDK::MacCliprdrFormatDataResponse response;

@@ -9,10 +9,14 @@ Q_LOGGING_CATEGORY(lcProtocol, "kx.protocol")
 
 namespace kx {
 
+// Encoded straight into a buffer that already has room for the type byte: appending it
+// afterwards reallocated, that is copied, every range answer and every offer once more.
 QByteArray encodeFrame(const google::protobuf::MessageLite &message, FrameType type)
 {
-    QByteArray frame = serialize(message);
-    frame.append(char(type));
+    const qsizetype size = qsizetype(message.ByteSizeLong());
+    QByteArray frame(size + 1, Qt::Uninitialized);
+    message.SerializeWithCachedSizesToArray(reinterpret_cast<std::uint8_t *>(frame.data()));
+    frame[size] = char(type);
     return frame;
 }
 
