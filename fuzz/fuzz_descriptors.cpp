@@ -21,10 +21,7 @@
 
 namespace {
 
-QTemporaryDir *root = nullptr;
-FixedFolderChooser *chooser = nullptr;
-ClipBoardManager *engine = nullptr;
-NoPasteboard pasteboard;
+FuzzEngine *fuzz = nullptr;
 constexpr std::uint64_t bytesPerRun = 1 << 20;
 
 void writeSeeds(const QString &dir)
@@ -57,7 +54,7 @@ void writeSeeds(const QString &dir)
 
 void deliver(const google::protobuf::MessageLite &message, FrameType type)
 {
-    engine->socketDidReceive(kx::encodeFrame(message, type));
+    fuzz->engine->socketDidReceive(kx::encodeFrame(message, type));
 }
 
 // Answers what the engine asked for; false once nothing is asked or the byte cap is hit.
@@ -98,18 +95,7 @@ bool answerQueries(const FileSDK::MacCliprdrFormatDataResponse &list, std::uint6
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    new QCoreApplication(*argc, *argv);
-    qInstallMessageHandler(silence);
-    if (qEnvironmentVariableIsSet("KX_FUZZ_WRITE_SEEDS")) {
-        writeSeeds(qEnvironmentVariable("KX_FUZZ_WRITE_SEEDS"));
-        std::exit(0);
-    }
-    root = new QTemporaryDir;
-    chooser = new FixedFolderChooser;
-    chooser->folder = root->filePath(QStringLiteral("chosen"));
-    KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
-    engine = new ClipBoardManager(QStringLiteral("ws://127.0.0.1"), QStringLiteral("9"), QStringLiteral("fuzz"),
-                                  QStringLiteral("1"), &pasteboard);
+    fuzz = startFuzzEngine(argc, argv, writeSeeds);
     return 0;
 }
 
@@ -118,22 +104,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const QByteArray payload(reinterpret_cast<const char *>(data), qsizetype(size));
     FileSDK::MacCliprdrFormatDataResponse list;
     const bool parsed = list.ParseFromArray(payload.constData(), int(payload.size()));
-    QDir(chooser->folder).removeRecursively();
-    QDir().mkpath(chooser->folder);
+    QDir(fuzz->chooser->folder).removeRecursively();
+    QDir().mkpath(fuzz->chooser->folder);
     sentFrames().clear();
 
     deliver(kx::makeFileFormatList(kx::makeHeader(1, 1, 1, 1)), FrameType::formatList);
-    engine->startPaste([](double) {}, [](bool, PastedError) {});
-    engine->socketDidReceive(payload + char(FrameType::formatDataResponse));
+    fuzz->engine->startPaste([](double) {}, [](bool, PastedError) {});
+    fuzz->engine->socketDidReceive(payload + char(FrameType::formatDataResponse));
     std::uint64_t served = 0;
     for (int turn = 0; turn < 10000; ++turn) {
         QCoreApplication::processEvents();
         if (!answerQueries(list, served))
             break;
     }
-    engine->socketDidDisconnect(); // ends whatever is still running, as a dropped connection would
+    fuzz->engine->socketDidDisconnect(); // ends whatever is still running, as a dropped connection would
 
-    const QStringList top = QDir(root->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    const QStringList top = QDir(fuzz->root.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     if (top != QStringList{QStringLiteral("chosen")})
         std::abort();
     if (!parsed)
@@ -142,7 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     std::uint64_t largest = 0;
     for (const auto &d : list.filedes())
         largest = std::max(largest, kx::descriptorSize(d));
-    QDirIterator it(chooser->folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator it(fuzz->chooser->folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         if (std::uint64_t(QFileInfo(it.next()).size()) > largest)
             std::abort();

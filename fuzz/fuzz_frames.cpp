@@ -18,10 +18,7 @@
 
 namespace {
 
-QTemporaryDir *root = nullptr;
-FixedFolderChooser *chooser = nullptr;
-ClipBoardManager *engine = nullptr;
-NoPasteboard pasteboard;
+FuzzEngine *fuzz = nullptr;
 int runs = 0;
 
 void writeSeeds(const QString &dir)
@@ -66,23 +63,11 @@ void writeSeeds(const QString &dir)
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    new QCoreApplication(*argc, *argv);
-    qInstallMessageHandler(silence);
-    if (qEnvironmentVariableIsSet("KX_FUZZ_WRITE_SEEDS")) {
-        writeSeeds(qEnvironmentVariable("KX_FUZZ_WRITE_SEEDS"));
-        std::exit(0);
-    }
-    root = new QTemporaryDir;
-    QDir(root->path()).mkpath(QStringLiteral("chosen"));
-    QFile source(root->filePath(QStringLiteral("source.txt")));
+    fuzz = startFuzzEngine(argc, argv, writeSeeds);
+    QDir(fuzz->root.path()).mkpath(QStringLiteral("chosen"));
+    QFile source(fuzz->root.filePath(QStringLiteral("source.txt")));
     source.open(QIODevice::WriteOnly);
     source.write("local file served to the remote side");
-    source.close();
-    chooser = new FixedFolderChooser;
-    chooser->folder = root->filePath(QStringLiteral("chosen"));
-    KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
-    engine = new ClipBoardManager(QStringLiteral("ws://127.0.0.1"), QStringLiteral("9"), QStringLiteral("fuzz"),
-                                  QStringLiteral("1"), &pasteboard);
     return 0;
 }
 
@@ -97,22 +82,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                 return 0;
             const std::size_t length = std::min<std::size_t>((std::size_t(data[at]) << 8) | data[at + 1], size - at - 2);
             at += 2;
-            engine->socketDidReceive(QByteArray(reinterpret_cast<const char *>(data + at), qsizetype(length)));
+            fuzz->engine->socketDidReceive(QByteArray(reinterpret_cast<const char *>(data + at), qsizetype(length)));
             at += length;
             break;
         }
         case 1:
-            engine->startPaste([](double) {}, [](bool, PastedError) {});
+            fuzz->engine->startPaste([](double) {}, [](bool, PastedError) {});
             break;
         case 2:
-            engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
+            fuzz->engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
             break;
         case 3:
-            engine->copiedFiles({QUrl::fromLocalFile(root->filePath(QStringLiteral("source.txt"))),
-                                 QUrl::fromLocalFile(root->filePath(QStringLiteral("chosen")))});
+            fuzz->engine->copiedFiles({QUrl::fromLocalFile(fuzz->root.filePath(QStringLiteral("source.txt"))),
+                                 QUrl::fromLocalFile(fuzz->root.filePath(QStringLiteral("chosen")))});
             break;
         case 4:
-            engine->socketDidDisconnect();
+            fuzz->engine->socketDidDisconnect();
             break;
         }
     }
@@ -121,12 +106,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     // would delete the sockets replaced by reconnections, so the harness does it here.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     // Nothing but the chosen folder and the served file may ever appear in the root.
-    const QStringList top = QDir(root->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    const QStringList top = QDir(fuzz->root.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     if (top != QStringList{QStringLiteral("chosen"), QStringLiteral("source.txt")})
         std::abort();
     if (++runs % 1000 == 0) { // keep the chosen folder from growing without end
-        QDir(chooser->folder).removeRecursively();
-        QDir().mkpath(chooser->folder);
+        QDir(fuzz->chooser->folder).removeRecursively();
+        QDir().mkpath(fuzz->chooser->folder);
     }
     return 0;
 }
