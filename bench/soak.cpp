@@ -8,6 +8,7 @@
 #include "ClipBoardManager.h"
 #include "FrameAllocator.h"
 #include "KXFileManager.h"
+#include "PasteboardAccess.h"
 #include "LogOutput.h"
 
 #include <QCoreApplication>
@@ -22,6 +23,8 @@
 #include <optional>
 
 #include <unistd.h>
+
+static NoPasteboard noPasteboard;
 
 namespace {
 
@@ -113,7 +116,7 @@ int main(int argc, char *argv[])
     KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
 
     AgentProcess agent({"--offer", offer, "--inbox", inbox});
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("soak"), QStringLiteral("1"), nullptr);
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("soak"), QStringLiteral("1"), EngineContext::shared(noPasteboard));
     Tally paste, copy;
     qint64 residentAfter50 = 0;
     const QString connected = QStringLiteral("client type frame received");

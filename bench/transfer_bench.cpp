@@ -5,6 +5,7 @@
 #include "ClipBoardManager.h"
 #include "FrameAllocator.h"
 #include "KXFileManager.h"
+#include "PasteboardAccess.h"
 #include "LogOutput.h"
 
 #include <QCoreApplication>
@@ -22,6 +23,8 @@
 #include <optional>
 
 #include <unistd.h>
+
+static NoPasteboard noPasteboard;
 
 namespace {
 
@@ -98,8 +101,7 @@ qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
     AgentProcess agent({"--offer", offer, "--rtt-ms", QString::number(rttMs)});
     QDir().mkpath(dest);
     chooser->folder = dest;
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
-                            nullptr);
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"), EngineContext::shared(noPasteboard));
     if (!runUntil([&] { return engine.hasFormList(); }, 20000))
         qFatal("no offer arrived");
     std::optional<PastedError> result;
@@ -115,8 +117,7 @@ qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
 qint64 serve(const QList<QUrl> &urls, const QString &inbox)
 {
     AgentProcess agent({"--inbox", inbox});
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
-                            nullptr);
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"), EngineContext::shared(noPasteboard));
     if (!agent.waitFor(QStringLiteral("client type frame received"), 1, 20000))
         qFatal("the companion did not connect");
     QElapsedTimer timer;

@@ -1,9 +1,11 @@
 #pragma once
 
-// What the engine-driving fuzz targets share: no pasteboard, a chooser that always picks
-// one folder, and no log output (formatting the lines still runs, as in the companion).
+// What the engine-driving fuzz targets share: a loopback connection, no pasteboard, a
+// chooser that always picks one folder, and no log output (formatting the lines still
+// runs, as in the companion). Each run gets a fresh engine, so a crash replays alone.
 #include "ClipBoardManager.h"
 #include "KXFileManager.h"
+#include "LoopbackFrameSink.h"
 #include "PasteboardAccess.h"
 
 #include <QCoreApplication>
@@ -11,11 +13,7 @@
 #include <QUrl>
 
 #include <cstdlib>
-
-struct NoPasteboard : PasteboardAccess
-{
-    void clearContents() override {}
-};
+#include <memory>
 
 struct FixedFolderChooser : FolderChooser
 {
@@ -29,12 +27,24 @@ struct FuzzEngine
 {
     QTemporaryDir root;
     NoPasteboard pasteboard;
+    LoopbackFrameSink sink;
+    KXFileManager files;
     FixedFolderChooser *chooser = nullptr;
-    ClipBoardManager *engine = nullptr;
+
+    std::unique_ptr<ClipBoardManager> makeEngine(int window)
+    {
+        sink.sent.clear();
+        sink.queuedBytes = 0;
+        auto engine = std::make_unique<ClipBoardManager>(QStringLiteral("ws://127.0.0.1"), QStringLiteral("9"),
+                                                         QStringLiteral("fuzz"), QStringLiteral("1"),
+                                                         EngineContext{sink, files, pasteboard}, window);
+        sink.open();
+        return engine;
+    }
 };
 
-// Starts the application and an engine whose chooser picks <root>/chosen. With
-// KX_FUZZ_WRITE_SEEDS set it writes the target's seeds into that folder and exits instead.
+// Starts the application; the chooser picks <root>/chosen. With KX_FUZZ_WRITE_SEEDS set
+// it writes the target's seeds into that folder and exits instead.
 inline FuzzEngine *startFuzzEngine(int *argc, char ***argv, void (*writeSeeds)(const QString &))
 {
     new QCoreApplication(*argc, *argv);
@@ -46,8 +56,6 @@ inline FuzzEngine *startFuzzEngine(int *argc, char ***argv, void (*writeSeeds)(c
     auto *fuzz = new FuzzEngine;
     fuzz->chooser = new FixedFolderChooser;
     fuzz->chooser->folder = fuzz->root.filePath(QStringLiteral("chosen"));
-    KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(fuzz->chooser));
-    fuzz->engine = new ClipBoardManager(QStringLiteral("ws://127.0.0.1"), QStringLiteral("9"), QStringLiteral("fuzz"),
-                                        QStringLiteral("1"), &fuzz->pasteboard);
+    fuzz->files.setFolderChooser(std::unique_ptr<FolderChooser>(fuzz->chooser));
     return fuzz;
 }

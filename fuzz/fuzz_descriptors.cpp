@@ -1,13 +1,12 @@
 // The descriptor list of a paste, any list with any sizes and names, played to its end:
 // the harness answers every size and range query the way the remote side would (bytes up
-// to the declared size, capped per run) and then checks that nothing was written beside
-// the chosen folder and no file inside it grew past its declared size.
-// The input is the encoded list as it comes off the wire.
-#include "ClipBoardManager.h"
+// to the declared size, capped per run). The chosen folder starts with links in it: to a
+// folder outside, to a file outside, and to nothing. Whatever the list, nothing outside
+// the chosen folder may change, and no file inside it may grow past its declared size.
+// The input is one byte choosing the window (1 to 8), then the encoded list as it comes
+// off the wire.
 #include "FuzzEngine.h"
 #include "Frame.h"
-#include "KXFileManager.h"
-#include "LoopbackSocketManager.h"
 #include "Messages.h"
 
 #include <QCoreApplication>
@@ -22,6 +21,12 @@
 namespace {
 
 FuzzEngine *fuzz = nullptr;
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 constexpr std::uint64_t bytesPerRun = 1 << 20;
 
 void writeSeeds(const QString &dir)
@@ -44,24 +49,42 @@ void writeSeeds(const QString &dir)
     descriptor(odd, "C:\\abs.txt", 0x80, 3);
     descriptor(odd, "dir\\", 0x10, 0);
     descriptor(odd, "dir\\\xe4\xbd\xa0\xe5\xa5\xbd.txt", 0x80, 2);
+    descriptor(odd, "up\\victim.txt", 0x80, 4);
+    descriptor(odd, "file", 0x80, 4);
+    descriptor(odd, "dangling\\x", 0x80, 4);
     int n = 0;
     for (const auto *list : {&tree, &big, &odd}) {
         QFile out(QStringLiteral("%1/seed-%2").arg(dir).arg(n++));
         if (out.open(QIODevice::WriteOnly))
-            out.write(kx::serialize(*list));
+            out.write(QByteArray(1, char(n * 3)) + kx::serialize(*list));
     }
 }
 
 void deliver(const google::protobuf::MessageLite &message, FrameType type)
 {
-    fuzz->engine->socketDidReceive(kx::encodeFrame(message, type));
+    fuzz->sink.deliver(kx::encodeFrame(message, type));
+}
+
+// What lies beside the chosen folder, and must stay exactly so.
+QStringList outsideTree()
+{
+    QStringList tree;
+    QDirIterator it(fuzz->root.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        if (!info.filePath().startsWith(fuzz->chooser->folder))
+            tree.append(info.filePath() + QLatin1Char(' ') + QString::number(info.isSymLink() ? -1 : info.size()));
+    }
+    tree.sort();
+    return tree;
 }
 
 // Answers what the engine asked for; false once nothing is asked or the byte cap is hit.
 bool answerQueries(const FileSDK::MacCliprdrFormatDataResponse &list, std::uint64_t &served)
 {
     QList<QByteArray> frames;
-    frames.swap(sentFrames());
+    frames.swap(fuzz->sink.sent);
     bool asked = false;
     for (const QByteArray &frame : std::as_const(frames)) {
         const auto received = kx::splitFrame(frame);
@@ -96,31 +119,41 @@ bool answerQueries(const FileSDK::MacCliprdrFormatDataResponse &list, std::uint6
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     fuzz = startFuzzEngine(argc, argv, writeSeeds);
+    QDir(fuzz->root.path()).mkpath(QStringLiteral("outside"));
+    QFile victim(fuzz->root.filePath(QStringLiteral("outside/victim.txt")));
+    if (victim.open(QIODevice::WriteOnly))
+        victim.write("not to be touched");
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    const QByteArray payload(reinterpret_cast<const char *>(data), qsizetype(size));
+    if (size == 0)
+        return 0;
+    const QByteArray payload(reinterpret_cast<const char *>(data + 1), qsizetype(size - 1));
     FileSDK::MacCliprdrFormatDataResponse list;
     const bool parsed = list.ParseFromArray(payload.constData(), int(payload.size()));
-    QDir(fuzz->chooser->folder).removeRecursively();
-    QDir().mkpath(fuzz->chooser->folder);
-    sentFrames().clear();
+    const QString chosen = fuzz->chooser->folder;
+    QDir(chosen).removeRecursively();
+    QDir().mkpath(chosen);
+    QFile::link(fuzz->root.filePath(QStringLiteral("outside")), chosen + QStringLiteral("/up"));
+    QFile::link(fuzz->root.filePath(QStringLiteral("outside/victim.txt")), chosen + QStringLiteral("/file"));
+    QFile::link(fuzz->root.filePath(QStringLiteral("nowhere")), chosen + QStringLiteral("/dangling"));
+    static const QStringList outside = outsideTree();
 
-    deliver(kx::makeFileFormatList(kx::makeHeader(1, 1, 1, 1)), FrameType::formatList);
-    fuzz->engine->startPaste([](double) {}, [](bool, PastedError) {});
-    fuzz->engine->socketDidReceive(payload + char(FrameType::formatDataResponse));
+    const auto engine = fuzz->makeEngine(1 + data[0] % 8);
+    deliver(kx::makeFileFormatList(kx::formatListHeader()), FrameType::formatList);
+    engine->startPaste([](double) {}, [](bool, PastedError) {});
+    fuzz->sink.deliver(payload + char(FrameType::formatDataResponse));
     std::uint64_t served = 0;
     for (int turn = 0; turn < 10000; ++turn) {
         QCoreApplication::processEvents();
         if (!answerQueries(list, served))
             break;
     }
-    fuzz->engine->socketDidDisconnect(); // ends whatever is still running, as a dropped connection would
+    fuzz->sink.lose(); // ends whatever is still running, as a dropped connection would
 
-    const QStringList top = QDir(fuzz->root.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-    if (top != QStringList{QStringLiteral("chosen")})
+    if (outsideTree() != outside || readFile(fuzz->root.filePath(QStringLiteral("outside/victim.txt"))) != "not to be touched")
         std::abort();
     if (!parsed)
         return 0;
@@ -128,7 +161,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     std::uint64_t largest = 0;
     for (const auto &d : list.filedes())
         largest = std::max(largest, kx::descriptorSize(d));
-    QDirIterator it(fuzz->chooser->folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator it(chosen, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         if (std::uint64_t(QFileInfo(it.next()).size()) > largest)
             std::abort();

@@ -1,6 +1,7 @@
 // Received frames, and the user's actions between them, into the real engine: no input
 // may crash it, hang it or make it write outside the chosen folder. An input is a list of
-// steps, each one byte of kind and, for a frame, two bytes of length and the frame.
+// steps, each one byte of kind and, for a frame, two bytes of length and the frame; the
+// kind byte of the first step also chooses the window, 1 or 4.
 #include "ClipBoardManager.h"
 #include "FuzzEngine.h"
 #include "Frame.h"
@@ -19,7 +20,6 @@
 namespace {
 
 FuzzEngine *fuzz = nullptr;
-int runs = 0;
 
 void writeSeeds(const QString &dir)
 {
@@ -73,6 +73,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
+    const auto engine = fuzz->makeEngine(size && (data[0] & 0x80) ? 4 : 1);
     std::size_t at = 0;
     while (at < size) {
         const std::uint8_t kind = data[at++] % 5;
@@ -82,36 +83,32 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                 return 0;
             const std::size_t length = std::min<std::size_t>((std::size_t(data[at]) << 8) | data[at + 1], size - at - 2);
             at += 2;
-            fuzz->engine->socketDidReceive(QByteArray(reinterpret_cast<const char *>(data + at), qsizetype(length)));
+            engine->socketDidReceive(QByteArray(reinterpret_cast<const char *>(data + at), qsizetype(length)));
             at += length;
             break;
         }
         case 1:
-            fuzz->engine->startPaste([](double) {}, [](bool, PastedError) {});
+            engine->startPaste([](double) {}, [](bool, PastedError) {});
             break;
         case 2:
-            fuzz->engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
+            engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
             break;
         case 3:
-            fuzz->engine->copiedFiles({QUrl::fromLocalFile(fuzz->root.filePath(QStringLiteral("source.txt"))),
+            engine->copiedFiles({QUrl::fromLocalFile(fuzz->root.filePath(QStringLiteral("source.txt"))),
                                  QUrl::fromLocalFile(fuzz->root.filePath(QStringLiteral("chosen")))});
             break;
         case 4:
-            fuzz->engine->socketDidDisconnect();
+            fuzz->sink.lose();
+            fuzz->sink.open();
             break;
         }
     }
     QCoreApplication::processEvents();
-    // Outside a running event loop deleteLater() never comes due; the companion's loop
-    // would delete the sockets replaced by reconnections, so the harness does it here.
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     // Nothing but the chosen folder and the served file may ever appear in the root.
     const QStringList top = QDir(fuzz->root.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     if (top != QStringList{QStringLiteral("chosen"), QStringLiteral("source.txt")})
         std::abort();
-    if (++runs % 1000 == 0) { // keep the chosen folder from growing without end
-        QDir(fuzz->chooser->folder).removeRecursively();
-        QDir().mkpath(fuzz->chooser->folder);
-    }
+    QDir(fuzz->chooser->folder).removeRecursively();
+    QDir().mkpath(fuzz->chooser->folder);
     return 0;
 }

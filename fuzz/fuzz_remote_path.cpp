@@ -1,7 +1,7 @@
 // Any remote name the containment check lets through must map inside the base folder,
 // whatever its separators, dots and characters.
 #include "KXFileStreamOperation.h"
-#include "RemotePathGuard.h"
+#include "RemotePath.h"
 
 #include <QDir>
 

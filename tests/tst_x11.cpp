@@ -1,56 +1,78 @@
+// The real Qt and X11 backends under a virtual X server, with real X clients: what xclip
+// puts on the clipboard, what xdotool types, another client's keyboard grab, and the
+// progress window beside an application the user types into.
+#include "EngineHarness.h"
+#include "FakePlatform.h"
 #include "LinuxPlatform.h"
 #include "LogCapture.h"
+#include "ViewController.h"
 
+#include <QClipboard>
 #include <QGuiApplication>
+#include <QLineEdit>
 #include <QProcess>
-#include <QTest>
+#include <QSignalSpy>
+#include <QTimer>
 
-// The real Qt and X11 backends under a virtual X server: what xclip puts on the
-// clipboard and what xdotool types reach us as they would from any application.
+#include <X11/Xlib.h>
+
 class TestX11 : public QObject
 {
     Q_OBJECT
 private slots:
     void initTestCase();
-    void clipboardUrls();
+    void clipboard();
     void keyMonitor_data();
     void keyMonitor();
-    void ownClearRaisesTheChangeCount();
+    void ctrlReleasedDuringAnotherClientsGrab();
+    void progressWindowLeavesTheKeyboardAlone();
 
 private:
-    static bool run(const QString &program, const QStringList &arguments, const QByteArray &input = {});
+    static bool run(const QStringList &command, const QByteArray &input = {});
     Platform platform;
 };
 
-bool TestX11::run(const QString &program, const QStringList &arguments, const QByteArray &input)
+bool TestX11::run(const QStringList &command, const QByteArray &input)
 {
     QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForStarted(10000))
-        return false;
-    if (!input.isEmpty())
-        process.write(input);
+    process.start(command.first(), command.mid(1));
+    process.write(input);
     process.closeWriteChannel();
     return process.waitForFinished(10000) && process.exitCode() == 0;
 }
 
 void TestX11::initTestCase()
 {
-    if (QGuiApplication::platformName() != QLatin1String("xcb"))
+    if (QGuiApplication::platformName() != "xcb")
         QSKIP("needs an X11 display (run under xvfb-run)");
     platform = makeLinuxPlatform();
     QVERIFY(platform.accessibility->isProcessTrusted(false));
 }
 
-void TestX11::clipboardUrls()
+void TestX11::clipboard()
 {
-    const std::int64_t before = platform.pasteboard->changeCount();
-    QVERIFY(run(QStringLiteral("xclip"), {"-selection", "clipboard", "-t", "text/uri-list"},
-                "file:///tmp/first%20file.txt\r\nfile:///tmp/second\r\n"));
-    QTRY_VERIFY_WITH_TIMEOUT(platform.pasteboard->changeCount() > before, 5000);
-    const auto urls = platform.pasteboard->readUrls();
-    QVERIFY(urls);
-    QCOMPARE(*urls, (QList<QUrl>{QUrl::fromLocalFile("/tmp/first file.txt"), QUrl::fromLocalFile("/tmp/second")}));
+    Pasteboard &board = *platform.pasteboard;
+    QSignalSpy changes(QGuiApplication::clipboard(), &QClipboard::dataChanged);
+    std::int64_t count = board.changeCount();
+    // xclip in the foreground stays the board's owner until it is killed.
+    QProcess owner;
+    owner.start("xclip", {"-quiet", "-selection", "clipboard", "-t", "text/uri-list"});
+    owner.write("file:///tmp/first%20file.txt\r\nfile:///tmp/second\r\n");
+    owner.closeWriteChannel();
+    QTRY_COMPARE_WITH_TIMEOUT(board.changeCount(), count + 1, 5000);
+    QCOMPARE(board.readUrls(), std::optional(QList<QUrl>{QUrl::fromLocalFile("/tmp/first file.txt"), QUrl::fromLocalFile("/tmp/second")}));
+
+    // The application that copied quits: the board empties, but nothing was written,
+    // so the copy stays announced.
+    changes.clear();
+    owner.kill();
+    owner.waitForFinished();
+    QTRY_VERIFY_WITH_TIMEOUT(!changes.isEmpty(), 5000);
+    QCOMPARE(board.changeCount(), count + 1);
+
+    // Our own clearing is a change, as on any pasteboard.
+    board.clearContents();
+    QTRY_COMPARE_WITH_TIMEOUT(board.changeCount(), count + 2, 5000);
 }
 
 void TestX11::keyMonitor_data()
@@ -71,25 +93,59 @@ void TestX11::keyMonitor()
     QFETCH(QString, text);
     QList<KeyEvent> seen;
     QVERIFY(platform.keyMonitor->install([&](const KeyEvent &event) { seen.append(event); }));
-    QVERIFY(run(QStringLiteral("xdotool"), {"key", chord}));
+    QVERIFY(run({"xdotool", "key", chord}));
     QTRY_VERIFY_WITH_TIMEOUT(!seen.isEmpty(), 5000);
     QCOMPARE(seen.first().command, command);
     QCOMPARE(seen.first().charactersIgnoringModifiers, text);
     platform.keyMonitor->remove();
 }
 
-void TestX11::ownClearRaisesTheChangeCount()
+// Ctrl goes down, a menu or a lock screen grabs the keyboard, Ctrl comes up during the
+// grab: afterwards a plain v is a plain v, not a paste.
+void TestX11::ctrlReleasedDuringAnotherClientsGrab()
 {
-    QVERIFY(run(QStringLiteral("xclip"), {"-selection", "clipboard", "-t", "text/uri-list"}, "file:///tmp/x\r\n"));
-    // xclip takes the board from a child process; wait until it really holds it.
-    QTRY_COMPARE_WITH_TIMEOUT(platform.pasteboard->readUrls().value_or(QList<QUrl>{}),
-                              QList<QUrl>{QUrl::fromLocalFile("/tmp/x")}, 5000);
-    const std::int64_t before = platform.pasteboard->changeCount();
-    platform.pasteboard->clearContents();
-    QTRY_VERIFY_WITH_TIMEOUT(platform.pasteboard->changeCount() > before, 5000);
-    // Whether the X server hands us the board depends on the age of Qt's last event
-    // timestamp, which a window-less process does not control; the counter is what
-    // the watcher relies on.
+    QList<KeyEvent> seen;
+    QVERIFY(platform.keyMonitor->install([&](const KeyEvent &event) { seen.append(event); }));
+    Display *grabber = XOpenDisplay(nullptr);
+    QVERIFY(grabber);
+    const Window window = XCreateSimpleWindow(grabber, DefaultRootWindow(grabber), 0, 0, 10, 10, 0, 0, 0);
+    XMapWindow(grabber, window);
+    XSync(grabber, False);
+    QVERIFY(run({"xdotool", "keydown", "ctrl"}));
+    QVERIFY(QTest::qWaitFor([&] { return XGrabKeyboard(grabber, window, False, GrabModeAsync, GrabModeAsync, CurrentTime) == GrabSuccess; }, 5000));
+    XSync(grabber, False);
+    QVERIFY(run({"xdotool", "keyup", "ctrl"}));
+    XUngrabKeyboard(grabber, CurrentTime);
+    XCloseDisplay(grabber);
+    QVERIFY(run({"xdotool", "key", "v"}));
+    QTRY_VERIFY_WITH_TIMEOUT(!seen.isEmpty(), 5000);
+    QCOMPARE(seen.last().command, false);
+    platform.keyMonitor->remove();
+}
+
+// Progress reports come in while the user types into another application: the keyboard
+// stays there, and no key typed there presses Stop.
+void TestX11::progressWindowLeavesTheKeyboardAlone()
+{
+    FakePlatformState state;
+    Platform fake = makeFakePlatform(state);
+    LoopbackFrameSink sink;
+    KXFileManager files;
+    ViewController progress(fake, EngineContext{sink, files, *fake.pasteboard}, "host-app");
+    progress.viewDidLoad({"kx-clipboard"});
+    QLineEdit editor;
+    editor.show();
+    editor.activateWindow();
+    QTRY_VERIFY_WITH_TIMEOUT(editor.hasFocus(), 5000);
+    QTimer reports;
+    connect(&reports, &QTimer::timeout, &progress, [&] { progress.handlePasteProgress(0.5); });
+    reports.start(30);
+    QTRY_VERIFY(progress.isVisible());
+    LogCapture log;
+    QVERIFY(run({"xdotool", "type", "--delay", "40", "go on typing \n"}));
+    QTRY_COMPARE_WITH_TIMEOUT(editor.text(), QStringLiteral("go on typing "), 5000);
+    QVERIFY(editor.hasFocus());
+    QVERIFY(!log.contains("click stop"));
 }
 
 QTEST_MAIN(TestX11)

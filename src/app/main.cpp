@@ -27,7 +27,7 @@ int main(int argc, char *argv[])
 
     Platform platform = makeLinuxPlatform();
     installQtFolderChooser();
-    ViewController window(platform, QStringLiteral(KX_HOST_APP_ID));
+    ViewController window(platform, EngineContext::shared(*platform.pasteboard), QStringLiteral(KX_HOST_APP_ID));
     window.show();
     window.viewDidLoad(app.arguments());
     delegate.applicationDidFinishLaunching();

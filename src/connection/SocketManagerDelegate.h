@@ -12,4 +12,6 @@ public:
     virtual void socketDidDisconnect() = 0;
     virtual void socketDidReceive(const QByteArray &data) = 0;
     virtual void socketDidReceive(const QString &text) = 0;
+    // Some of what was written has been taken by the peer; bytesToWrite() has fallen.
+    virtual void socketDidDrain() {}
 };

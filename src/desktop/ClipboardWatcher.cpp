@@ -1,13 +1,16 @@
 #include "ClipboardWatcher.h"
 
-#include <QLoggingCategory>
+#include "DesktopLog.h"
+
 #include <QTimer>
 
-Q_LOGGING_CATEGORY(lcWatcher, "kx.desktop")
+Q_LOGGING_CATEGORY(lcDesktop, "kx.desktop")
 
-ClipboardWatcher::ClipboardWatcher(Platform &platform, const QString &hostAppId, QObject *parent)
+ClipboardWatcher::ClipboardWatcher(Platform &platform, EngineContext engineContext, const QString &hostAppId,
+                                   QObject *parent)
     : QObject(parent)
     , m_platform(platform)
+    , m_engineContext(engineContext)
     , m_hostAppId(hostAppId)
     , m_lastChangeCount(platform.pasteboard->changeCount())
 {
@@ -19,9 +22,10 @@ ClipboardWatcher::~ClipboardWatcher()
 }
 
 void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &port, const QString &token,
-                                     const QString &cid, ProgressCallback progress, CompletionCallback completion)
+                                     const QString &cid, ProgressCallback progress, CompletionCallback completion,
+                                     int window)
 {
-    m_clipManager = std::make_unique<ClipBoardManager>(ipAdress, port, token, cid, m_platform.pasteboard.get());
+    m_clipManager = std::make_unique<ClipBoardManager>(ipAdress, port, token, cid, m_engineContext, window);
     m_progress = std::move(progress);
     m_completion = std::move(completion);
 
@@ -74,12 +78,12 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
 {
     if (!event.command || event.charactersIgnoringModifiers != QLatin1String("v"))
         return;
-    qCInfo(lcWatcher).noquote() << "Command + V 按下";
+    qCInfo(lcDesktop).noquote() << "Command + V 按下";
     ProgressCallback progress = m_progress;
     CompletionCallback completion = m_completion;
     m_clipManager->startPaste(
         [progress](double value) {
-            qCInfo(lcWatcher).noquote().nospace() << "当前的百分比：" << value;
+            qCInfo(lcDesktop).noquote().nospace() << "当前的百分比：" << value;
             if (progress)
                 progress(value);
         },
@@ -93,13 +97,13 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
 void ClipboardWatcher::checkAccessibility()
 {
     if (m_platform.accessibility->isProcessTrusted(true)) {
-        qCInfo(lcWatcher).noquote() << "已获得辅助功能权限";
+        qCInfo(lcDesktop).noquote() << "已获得辅助功能权限";
         return;
     }
-    qCInfo(lcWatcher).noquote() << "未获得辅助功能权限";
+    qCInfo(lcDesktop).noquote() << "未获得辅助功能权限";
     const QString missing = m_platform.accessibility->missingCapability();
     if (!missing.isEmpty())
-        qCInfo(lcWatcher).noquote() << missing;
+        qCInfo(lcDesktop).noquote() << missing;
     createEventTap();
 }
 
@@ -125,10 +129,10 @@ void ClipboardWatcher::showAccessibilityAlert()
 void ClipboardWatcher::accessibilityPermissionChanged()
 {
     if (!m_platform.accessibility->isProcessTrusted(false)) {
-        qCInfo(lcWatcher).noquote() << "用户未授权辅助功能";
+        qCInfo(lcDesktop).noquote() << "用户未授权辅助功能";
         return;
     }
-    qCInfo(lcWatcher).noquote() << "用户已授权辅助功能";
+    qCInfo(lcDesktop).noquote() << "用户已授权辅助功能";
     showRestartAlert();
 }
 
@@ -143,9 +147,9 @@ void ClipboardWatcher::showRestartAlert()
 void ClipboardWatcher::checkHostApplication()
 {
     if (!m_platform.services->isApplicationRunning(m_hostAppId)) {
-        qCInfo(lcWatcher).noquote() << "此程序已经不存在";
+        qCInfo(lcDesktop).noquote() << "此程序已经不存在";
         m_platform.services->exitProcess(0);
         return;
     }
-    qCInfo(lcWatcher).noquote() << "此程序在运行中";
+    qCInfo(lcDesktop).noquote() << "此程序在运行中";
 }

@@ -22,11 +22,12 @@ public:
     using ProgressCallback = std::function<void(double)>;
     using CompletionCallback = std::function<void(bool, ClipBoardError)>;
 
-    ClipboardWatcher(Platform &platform, const QString &hostAppId, QObject *parent = nullptr);
+    ClipboardWatcher(Platform &platform, EngineContext engineContext, const QString &hostAppId,
+                     QObject *parent = nullptr);
     ~ClipboardWatcher() override;
 
     void startWatching(const QString &ipAdress, const QString &port, const QString &token, const QString &cid,
-                       ProgressCallback progress, CompletionCallback completion);
+                       ProgressCallback progress, CompletionCallback completion, int window = 1);
     void stopWatching();
 
     void checkPasteboard();
@@ -49,6 +50,7 @@ public:
 
 private:
     Platform &m_platform;
+    EngineContext m_engineContext;
     QString m_hostAppId;
     std::int64_t m_lastChangeCount = 0;
     std::unique_ptr<ClipBoardManager> m_clipManager;

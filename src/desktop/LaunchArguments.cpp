@@ -1,8 +1,7 @@
 #include "LaunchArguments.h"
 
-#include <QLoggingCategory>
-
-Q_DECLARE_LOGGING_CATEGORY(lcWatcher)
+#include "ClipBoardManager.h"
+#include "DesktopLog.h"
 
 namespace {
 
@@ -16,10 +15,10 @@ bool isTrimmed(QChar c)
 
 LaunchArguments LaunchArguments::read(const QStringList &arguments)
 {
-    qCInfo(lcWatcher).noquote().nospace() << "Number of arguments: " << arguments.size();
+    qCInfo(lcDesktop).noquote().nospace() << "Number of arguments: " << arguments.size();
     LaunchArguments result;
     for (qsizetype i = 0; i < arguments.size(); ++i) {
-        qCInfo(lcWatcher).noquote().nospace() << "Argument " << i << ": " << arguments.at(i);
+        qCInfo(lcDesktop).noquote().nospace() << "Argument " << i << ": " << arguments.at(i);
         result.assignLaunchArgument(arguments.at(i));
     }
     return result;
@@ -36,13 +35,27 @@ void LaunchArguments::assignLaunchArgument(const QString &argument)
         token = valueAfterComma(argument);
     else if (argument.contains(QLatin1String("cid")))
         cid = valueAfterComma(argument);
+    else if (argument.contains(QLatin1String("window")))
+        window = windowValue(valueAfterComma(argument));
+}
+
+// Anything but a number from 1 to 64 keeps the one-at-a-time exchange.
+int LaunchArguments::windowValue(const QString &text)
+{
+    bool ok = false;
+    const int value = text.toInt(&ok);
+    if (ok && value >= 1 && value <= ClipBoardManager::maxWindow)
+        return value;
+    qCInfo(lcDesktop).noquote().nospace() << "window must be a number from 1 to " << ClipBoardManager::maxWindow << ", not " << text
+                                          << "; queries go one at a time";
+    return 1;
 }
 
 QString LaunchArguments::valueAfterComma(const QString &argument)
 {
     const QStringList pieces = argument.split(QLatin1Char(','), Qt::SkipEmptyParts);
     if (pieces.isEmpty()) {
-        qCInfo(lcWatcher).noquote() << "未找到逗号后面的内容";
+        qCInfo(lcDesktop).noquote() << "未找到逗号后面的内容";
         return QString();
     }
     QString value = pieces.last();
@@ -53,6 +66,6 @@ QString LaunchArguments::valueAfterComma(const QString &argument)
     while (end > begin && isTrimmed(value.at(end - 1)))
         --end;
     value = value.mid(begin, end - begin);
-    qCInfo(lcWatcher).noquote().nospace() << "逗号后面的内容为: " << value;
+    qCInfo(lcDesktop).noquote().nospace() << "逗号后面的内容为: " << value;
     return value;
 }

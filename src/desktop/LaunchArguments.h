@@ -3,16 +3,19 @@
 #include <QString>
 #include <QStringList>
 
-// The four connection values the host application passes, each as "key,value".
+// The four connection values the host application passes, each as "key,value", and the
+// optional window: how many range queries a paste keeps outstanding (1 unless given).
 struct LaunchArguments
 {
     QString ipAdress;
     QString port;
     QString token;
     QString cid;
+    int window = 1;
 
     // Every argument, argument 0 included, is tested; a later one of the same key wins.
     static LaunchArguments read(const QStringList &arguments);
     void assignLaunchArgument(const QString &argument);
     static QString valueAfterComma(const QString &argument);
+    static int windowValue(const QString &text);
 };

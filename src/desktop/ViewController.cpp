@@ -1,16 +1,13 @@
 #include "ViewController.h"
 
+#include "DesktopLog.h"
 #include "LaunchArguments.h"
 
 #include <QLabel>
 #include <QLocale>
-#include <QLoggingCategory>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTimer>
-#include <QVBoxLayout>
-
-Q_DECLARE_LOGGING_CATEGORY(lcWatcher)
 
 namespace {
 
@@ -18,24 +15,28 @@ constexpr int barSteps = 10000; // the bar is integer; the fraction maps onto th
 
 } // namespace
 
-ViewController::ViewController(Platform &platform, const QString &hostAppId, QWidget *parent)
+ViewController::ViewController(Platform &platform, EngineContext engineContext, const QString &hostAppId,
+                               QWidget *parent)
     : QWidget(parent)
     , m_platform(platform)
-    , m_watcher(new ClipboardWatcher(platform, hostAppId, this))
+    , m_watcher(new ClipboardWatcher(platform, engineContext, hostAppId, this))
 {
     setWindowTitle(tr("%1: receiving files").arg(platform.services->applicationName()));
+    // A background agent's window: it is shown and raised, but the keyboard stays with
+    // the application the user types into, and no key typed there can press Stop.
+    setAttribute(Qt::WA_ShowWithoutActivating);
+    setWindowFlag(Qt::WindowDoesNotAcceptFocus);
     setFixedSize(contentWidth, contentHeight);
-    auto *layout = new QVBoxLayout(this);
+    // Fixed places in a fixed window: the Stop button is where a script expects to click.
     m_detail = new QLabel(this);
     m_detail->setWordWrap(true);
+    m_detail->setGeometry(20, 20, 360, 56);
     m_progressIndicator = new QProgressBar(this);
     m_progressIndicator->setTextVisible(true);
+    m_progressIndicator->setGeometry(20, 88, 360, 24);
     m_stopBtn = new QPushButton(tr("Stop"), this);
-    layout->addStretch();
-    layout->addWidget(m_detail);
-    layout->addWidget(m_progressIndicator);
-    layout->addWidget(m_stopBtn, 0, Qt::AlignHCenter);
-    layout->addStretch();
+    m_stopBtn->setFocusPolicy(Qt::NoFocus);
+    m_stopBtn->setGeometry(stopButtonArea);
     connect(m_stopBtn, &QPushButton::clicked, this, &ViewController::clickStopPasteBtn);
 }
 
@@ -47,11 +48,13 @@ void ViewController::viewDidLoad(const QStringList &arguments)
     m_port = values.port;
     m_token = values.token;
     m_cid = values.cid;
+    m_window = values.window;
     resetProgressControls();
     QPointer<ViewController> self(this);
     m_watcher->startWatching(
         m_ipAdress, m_port, m_token, m_cid, [self](double progress) { if (self) self->handlePasteProgress(progress); },
-        [self](bool success, ClipBoardError error) { if (self) self->handlePasteFinished(success, error); });
+        [self](bool success, ClipBoardError error) { if (self) self->handlePasteFinished(success, error); },
+        m_window);
 }
 
 void ViewController::resetProgressControls()
@@ -80,7 +83,6 @@ void ViewController::showWindow()
     setFixedSize(contentWidth, contentHeight);
     show();
     raise();
-    activateWindow();
 }
 
 void ViewController::updateDetail()
@@ -102,14 +104,14 @@ void ViewController::handlePasteProgress(double progress)
         m_stopBtn->setHidden(false);
         setBarValue(progress);
         updateDetail();
-        qCInfo(lcWatcher).noquote().nospace() << "Progress: " << progress;
+        qCInfo(lcDesktop).noquote().nospace() << "Progress: " << progress;
     }, Qt::QueuedConnection);
 }
 
 void ViewController::handlePasteFinished(bool success, ClipBoardError error)
 {
     if (success) {
-        qCInfo(lcWatcher).noquote() << "所有文件粘贴成功";
+        qCInfo(lcDesktop).noquote() << "所有文件粘贴成功";
         QMetaObject::invokeMethod(this, [this] {
             m_progressIndicator->setHidden(true);
             m_stopBtn->setHidden(true);
@@ -119,7 +121,7 @@ void ViewController::handlePasteFinished(bool success, ClipBoardError error)
         return;
     }
     const QString name = clipBoardErrorName(error);
-    qCInfo(lcWatcher).noquote().nospace() << "eror:" << name;
+    qCInfo(lcDesktop).noquote().nospace() << "eror:" << name;
     QMetaObject::invokeMethod(this, [this, name] {
         m_progressIndicator->setHidden(true);
         showAlert(QStringLiteral("下载失败错误原因：") + name);
@@ -135,7 +137,7 @@ void ViewController::showAlert(const QString &message)
 
 void ViewController::clickStopPasteBtn()
 {
-    qCInfo(lcWatcher).noquote() << "click stop";
+    qCInfo(lcDesktop).noquote() << "click stop";
     if (ClipBoardManager *engine = m_watcher->clipManager())
         engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
     hideWindow();

@@ -4,6 +4,7 @@
 #include "ClipboardWatcher.h"
 
 #include <QPointer>
+#include <QRect>
 #include <QWidget>
 
 class QLabel;
@@ -19,8 +20,10 @@ public:
     static constexpr int contentWidth = 400;
     static constexpr int contentHeight = 200;
     static constexpr int hideDelayMs = 500;
+    static constexpr QRect stopButtonArea{150, 136, 100, 36};
 
-    ViewController(Platform &platform, const QString &hostAppId, QWidget *parent = nullptr);
+    ViewController(Platform &platform, EngineContext engineContext, const QString &hostAppId,
+                   QWidget *parent = nullptr);
 
     void viewDidLoad(const QStringList &arguments);
     void clickStopPasteBtn();
@@ -35,6 +38,7 @@ public:
     const QString &port() const { return m_port; }
     const QString &token() const { return m_token; }
     const QString &cid() const { return m_cid; }
+    int window() const { return m_window; }
 
 private:
     void resetProgressControls();
@@ -53,4 +57,5 @@ private:
     QString m_port;
     QString m_token;
     QString m_cid;
+    int m_window = 1;
 };

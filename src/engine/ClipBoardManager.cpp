@@ -1,46 +1,53 @@
 #include "ClipBoardManager.h"
 
+#include "EngineLog.h"
 #include "Frame.h"
+#include "FrameSink.h"
 #include "KXFileManager.h"
 #include "Messages.h"
 #include "PasteboardAccess.h"
+#include "SendFrame.h"
 #include "SocketManager.h"
+#include "Wire.h"
+#include "paste/PasteSession.h"
 
-#include <QLoggingCategory>
+#include <QFileInfo>
 
 Q_LOGGING_CATEGORY(lcEngine, "kx.engine")
 
+EngineContext EngineContext::shared(PasteboardAccess &pasteboard)
+{
+    return EngineContext{*SocketManager::shared(), *KXFileManager::shared(), pasteboard};
+}
+
 ClipBoardManager::ClipBoardManager(const QString &ip, const QString &port, const QString &token,
-                                   const QString &cid, PasteboardAccess *pasteboard, QObject *parent)
+                                   const QString &cid, EngineContext context, int window, QObject *parent)
     : QObject(parent)
-    , m_pasteboard(pasteboard)
+    , m_context(context)
+    , m_window(std::clamp(window, 1, maxWindow))
+    , m_copy(context.connection, context.files)
 {
     Q_UNUSED(cid); // accepted with the other launch values; the agent does not ask for it
     m_urlText = ip + QLatin1Char(':') + port + QLatin1Char('/') + token;
     qCInfo(lcEngine).noquote().nospace() << "开始连接url:" << m_urlText;
-    SocketManager *socketManager = SocketManager::shared();
-    socketManager->connect(m_urlText);
-    socketManager->setDelegate(this);
+    m_context.connection.connect(m_urlText);
+    m_context.connection.setDelegate(this);
     m_pasteStatus = PasteStatus::start;
-    KXFileManager::shared()->setDelegate(this);
+    m_context.files.setDelegate(this);
 }
 
 ClipBoardManager::~ClipBoardManager()
 {
-    if (SocketManager::shared()->delegate() == this)
-        SocketManager::shared()->setDelegate(nullptr);
-    if (KXFileManager::shared()->delegate() == this)
-        KXFileManager::shared()->setDelegate(nullptr);
+    if (m_context.connection.delegate() == this)
+        m_context.connection.setDelegate(nullptr);
+    if (m_context.files.delegate() == this)
+        m_context.files.setDelegate(nullptr);
 }
 
 void ClipBoardManager::send(const google::protobuf::MessageLite &message, FrameType type,
                             const char *completionText)
 {
-    SocketManager *socketManager = SocketManager::shared();
-    if (!socketManager->isConnected())
-        return;
-    socketManager->write(kx::encodeFrame(message, type),
-                         [completionText] { qCInfo(lcEngine).noquote() << QString::fromUtf8(completionText); });
+    kx::sendFrame(m_context.connection, message, type, completionText);
 }
 
 void ClipBoardManager::callCompletion(bool success, PastedError error)
@@ -57,9 +64,8 @@ void ClipBoardManager::socketDidConnect()
     qCInfo(lcEngine).noquote() << "websoket connect success";
     const QByteArray frame = kx::clientTypeFrame();
     qCInfo(lcEngine).noquote().nospace() << "data.count:" << frame.size();
-    SocketManager *socketManager = SocketManager::shared();
-    if (socketManager->isConnected())
-        socketManager->write(frame, [] { qCInfo(lcEngine).noquote() << "send clienType success"; });
+    if (m_context.connection.isConnected())
+        m_context.connection.write(frame, [] { qCInfo(lcEngine).noquote() << "send clienType success"; });
 }
 
 void ClipBoardManager::socketDidDisconnect()
@@ -69,9 +75,11 @@ void ClipBoardManager::socketDidDisconnect()
         callCompletion(false, PastedError::websoketDisconnect);
     m_formList.reset();
     m_pasteStatus = PasteStatus::complete;
-    ++m_pasteSerial;
-    SocketManager::shared()->reconnect();
-    resetFileState();
+    m_context.connection.reconnect();
+    // The transfer dies with the connection, whatever the status: a stray reply that
+    // comes later must find no file of it to write or to end.
+    stopTransfer();
+    m_copy.connectionLost();
 }
 
 void ClipBoardManager::socketDidReceive(const QByteArray &data)
@@ -85,6 +93,11 @@ void ClipBoardManager::socketDidReceive(const QString &text)
     qCInfo(lcEngine).noquote() << "收到字符串数据";
 }
 
+void ClipBoardManager::socketDidDrain()
+{
+    m_copy.drained();
+}
+
 void ClipBoardManager::startPaste(ProgressCallback progress, CompletionCallback completion)
 {
     m_callback = std::move(completion);
@@ -93,6 +106,62 @@ void ClipBoardManager::startPaste(ProgressCallback progress, CompletionCallback 
         return;
     if (m_pasteStatus == PasteStatus::start || m_pasteStatus == PasteStatus::complete)
         sendFormatDataRequest();
+}
+
+void ClipBoardManager::copiedFiles(const QList<QUrl> &urls)
+{
+    m_copy.copiedFiles(urls);
+}
+
+void ClipBoardManager::handleDataRequest(const QByteArray &payload)
+{
+    m_copy.handleDataRequest(payload);
+}
+
+void ClipBoardManager::handleContentRequest(const QByteArray &payload)
+{
+    m_copy.handleContentRequest(payload);
+}
+
+void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
+{
+    m_context.pasteboard.clearContents();
+    m_pasteStatus = PasteStatus::start;
+    m_formList = kx::parseMessage<FileSDK::CliprdrFormatList>(payload);
+    qCInfo(lcEngine).noquote() << "windwos 按下 ctrol+ c handleFormListRespose";
+}
+
+void ClipBoardManager::sendFormatDataRequest()
+{
+    m_pasteStatus = PasteStatus::pasting;
+    std::uint32_t formatId = 0;
+    for (const FileSDK::CliprdrFormat &format : m_formList->formats()) {
+        if (format.formatname() == kx::wire::descriptorFormatName)
+            formatId = format.formatid();
+    }
+    FileSDK::CliprdrFormatDataRequest request;
+    *request.mutable_header() = m_formList->header();
+    request.set_requestedformatid(formatId);
+    send(request, FrameType::formatDataRequest, "向widows发送control + v成功");
+}
+
+void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
+{
+    // The chooser runs a nested event loop; a second list meanwhile must not open a
+    // second chooser or replace the list the user is choosing a folder for.
+    if (m_choosingFolder) {
+        qCInfo(lcEngine).noquote() << "a descriptor list arrived while the folder chooser is open; ignored";
+        return;
+    }
+    m_pasteBasePath.clear();
+    m_formatDataResponse = kx::parseMessage<FileSDK::MacCliprdrFormatDataResponse>(payload);
+    if (!m_formatDataResponse)
+        return;
+    qCInfo(lcEngine).noquote() << "收到windows->mac,准备让用户选择下载路径";
+    m_choosingFolder = true;
+    m_chooserPasteSerial = m_pasteSerial;
+    m_context.files.chooseDestinationFolder();
+    m_choosingFolder = false;
 }
 
 void ClipBoardManager::folderChosen(const QUrl &url)
@@ -108,4 +177,100 @@ void ClipBoardManager::folderChoiceCancelled()
 {
     m_formList.reset();
     m_pasteStatus = PasteStatus::complete;
+}
+
+void ClipBoardManager::startDownload(const QUrl &url)
+{
+    stopTransfer();
+    // The chosen folder may itself be a link; it is resolved once, here. Beneath it no
+    // link is ever followed.
+    const QString chosen = url.toLocalFile();
+    const QString canonical = QFileInfo(chosen).canonicalFilePath();
+    m_pasteBasePath = canonical.isEmpty() ? chosen : canonical;
+    m_pasteStatus = PasteStatus::downloading;
+    static const FileSDK::MacCliprdrFormatDataResponse noList;
+    m_paste = std::make_unique<PasteSession>(*this, m_pasteBasePath,
+                                             (m_formatDataResponse ? *m_formatDataResponse : noList).filedes());
+    m_paste->downloadNextFile();
+}
+
+void ClipBoardManager::handleContentResponse(const QByteArray &payload)
+{
+    if (!m_paste || !m_paste->hasCurrentFile())
+        return;
+    if (m_pasteStatus == PasteStatus::cancel) {
+        endPaste(PastedError::cancelDownload);
+        return;
+    }
+    const auto reply = kx::parseMessage<FileSDK::CliprdrFileContentsResponse>(payload);
+    if (!reply) {
+        qCInfo(lcEngine).noquote() << "a file contents reply could not be decoded; the paste ends";
+        endPaste(PastedError::unKonwnError);
+        return;
+    }
+    m_paste->handleContentResponse(*reply);
+}
+
+QString ClipBoardManager::currentFileName() const
+{
+    return m_paste ? m_paste->currentFileName() : QString();
+}
+
+std::uint64_t ClipBoardManager::savedBytes() const
+{
+    return m_paste ? m_paste->alreadySavedTotalSize() : 0;
+}
+
+std::uint64_t ClipBoardManager::totalBytes() const
+{
+    return m_paste ? m_paste->downloadTotalSize() : 0;
+}
+
+void ClipBoardManager::reportProgress(double fraction)
+{
+    if (m_pastedProgressCallback)
+        m_pastedProgressCallback(fraction);
+}
+
+// Every file is saved, or there was none to save (only folders): no callback then.
+void ClipBoardManager::downloadQueueEmptied()
+{
+    m_pasteStatus = PasteStatus::complete;
+}
+
+void ClipBoardManager::finishPaste()
+{
+    if (ProgressCallback progress = std::move(m_pastedProgressCallback)) {
+        m_pastedProgressCallback = nullptr;
+        progress(1.0);
+    }
+    m_formList.reset();
+    m_pasteStatus = PasteStatus::complete;
+    ++m_pasteSerial;
+    callCompletion(true, PastedError::noError);
+}
+
+// Ends the running paste by cancel or by a reply that cannot be taken: the partly
+// written file stays on disk, the next paste starts from its first chunk.
+void ClipBoardManager::endPaste(PastedError error)
+{
+    stopTransfer();
+    m_formList.reset();
+    m_pasteStatus = PasteStatus::complete;
+    callCompletion(false, error);
+}
+
+// A file that cannot be created or written stops the paste with saveError. The status
+// stays downloading, as after any local save failure, until a new remote copy arrives.
+void ClipBoardManager::failSave()
+{
+    stopTransfer();
+    callCompletion(false, PastedError::saveError);
+}
+
+void ClipBoardManager::stopTransfer()
+{
+    ++m_pasteSerial;
+    if (m_paste)
+        m_paste->stop();
 }

@@ -8,3 +8,10 @@ public:
     virtual ~PasteboardAccess() = default;
     virtual void clearContents() = 0;
 };
+
+// For an engine with no desktop to clear: benchmarks, the soak, fuzzing.
+class NoPasteboard : public PasteboardAccess
+{
+public:
+    void clearContents() override {}
+};

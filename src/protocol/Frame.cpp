@@ -3,7 +3,7 @@
 #include "FrameHandler.h"
 #include "Messages.h"
 
-#include <QLoggingCategory>
+#include "ProtocolLog.h"
 
 Q_LOGGING_CATEGORY(lcProtocol, "kx.protocol")
 

@@ -5,34 +5,28 @@
 #include <QByteArray>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace kx {
 
-inline FileSDK::CliprdrHeader makeHeader(std::uint32_t connID, std::uint32_t msgType,
-                                         std::uint32_t msgFlags, std::uint32_t dataLen)
-{
-    FileSDK::CliprdrHeader header;
-    header.set_connid(connID);
-    header.set_msgtype(msgType);
-    header.set_msgflags(msgFlags);
-    header.set_datalen(dataLen);
-    return header;
-}
+FileSDK::CliprdrHeader makeHeader(std::uint32_t connID, std::uint32_t msgType, std::uint32_t msgFlags,
+                                  std::uint32_t dataLen);
+// The header this side writes on a format list (1, 1, 1, 1), and on every answer it
+// sends: file list and file contents (1, 0, msgFlags, 1).
+FileSDK::CliprdrHeader formatListHeader();
+FileSDK::CliprdrHeader answerHeader(std::uint32_t msgFlags = 1);
 
 // The announcement of a file copy: the descriptor format, then the contents format.
-inline FileSDK::CliprdrFormatList makeFileFormatList(const FileSDK::CliprdrHeader &header)
-{
-    FileSDK::CliprdrFormatList list;
-    *list.mutable_header() = header;
-    list.set_numformats(2);
-    FileSDK::CliprdrFormat *descriptors = list.add_formats();
-    descriptors->set_formatid(49346);
-    descriptors->set_formatname("FileGroupDescriptorW");
-    FileSDK::CliprdrFormat *contents = list.add_formats();
-    contents->set_formatid(49327);
-    contents->set_formatname("FileContents");
-    return list;
-}
+FileSDK::CliprdrFormatList makeFileFormatList(const FileSDK::CliprdrHeader &header);
+
+// A size or range query; no header, as the queries of a download carry none.
+FileSDK::CliprdrFileContentsRequest makeContentsQuery(std::uint32_t streamId, std::uint32_t listIndex,
+                                                      std::uint32_t flags, std::uint64_t offset,
+                                                      std::uint32_t length);
+// The answer to one query: cbRequested is the number of bytes given, unless stated.
+FileSDK::CliprdrFileContentsResponse makeContentsAnswer(std::uint32_t streamId, std::string data,
+                                                        std::uint32_t msgFlags = 1,
+                                                        std::optional<std::uint32_t> cbRequested = std::nullopt);
 
 // A payload that does not parse yields no message; the caller decides what that means.
 template <typename Message>
@@ -44,21 +38,22 @@ std::optional<Message> parseMessage(const QByteArray &payload)
     return message;
 }
 
-inline QByteArray serialize(const google::protobuf::MessageLite &message)
-{
-    QByteArray bytes(qsizetype(message.ByteSizeLong()), Qt::Uninitialized);
-    message.SerializeWithCachedSizesToArray(reinterpret_cast<std::uint8_t *>(bytes.data()));
-    return bytes;
-}
+QByteArray serialize(const google::protobuf::MessageLite &message);
 
 inline std::uint64_t joinHalves(std::uint32_t high, std::uint32_t low)
 {
     return (std::uint64_t(high) << 32) | low;
 }
+inline std::uint32_t lowHalf(std::uint64_t value) { return std::uint32_t(value & 0xffffffffu); }
+inline std::uint32_t highHalf(std::uint64_t value) { return std::uint32_t(value >> 32); }
 
 inline std::uint64_t descriptorSize(const FileSDK::FileDescriptorw &d)
 {
     return joinHalves(d.nfilesizehigh(), d.nfilesizelow());
+}
+inline std::uint64_t queryOffset(const FileSDK::CliprdrFileContentsRequest &q)
+{
+    return joinHalves(q.npositionhigh(), q.npositionlow());
 }
 
 } // namespace kx

@@ -1,7 +1,7 @@
 #include "KXFileManager.h"
 
 #include <QFileInfo>
-#include <QLoggingCategory>
+#include "StorageLog.h"
 
 Q_LOGGING_CATEGORY(lcFileManager, "kx.storage")
 

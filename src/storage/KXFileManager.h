@@ -15,6 +15,8 @@
 class KXFileManager
 {
 public:
+    KXFileManager() = default;
+    // The process-wide instance the companion uses; tests make their own.
     static KXFileManager *shared();
 
     // The delegate must be a QObject as well, so that a destroyed delegate is never called.
@@ -32,8 +34,6 @@ public:
     static QString dateText(const QDateTime &date);
 
 private:
-    KXFileManager() = default;
-
     KXFileManagerDelegate *m_delegate = nullptr;
     QPointer<QObject> m_delegateGuard;
     std::unique_ptr<FolderChooser> m_chooser;

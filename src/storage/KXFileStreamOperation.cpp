@@ -4,11 +4,14 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
-#include <QLoggingCategory>
+#include "StorageLog.h"
 #include <QRandomGenerator>
 #include <QStandardPaths>
 #include <QUuid>
 
+#include "RemotePath.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -42,37 +45,69 @@ bool writeAll(int fd, const char *data, std::uint64_t size, std::uint64_t offset
     return true;
 }
 
-std::optional<QByteArray> readAt(int fd, std::uint64_t offset, std::uint64_t length)
+// Into a QByteArray or a std::string: an answer to the remote side is read straight into
+// the string its message keeps, rather than copied there.
+template <typename Buffer>
+bool readAt(int fd, std::uint64_t offset, std::uint64_t length, Buffer &data)
 {
     if (fd < 0)
-        return std::nullopt;
+        return false;
     struct stat st {};
-    if (::fstat(fd, &st) != 0)
-        return std::nullopt;
-    if (S_ISDIR(st.st_mode))
-        return std::nullopt;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
     const std::uint64_t size = std::uint64_t(st.st_size);
-    if (S_ISREG(st.st_mode)) {
-        if (offset >= size)
-            return QByteArray();
-        length = std::min(length, size - offset);
-    }
-    length = std::min(length, maxReadLength);
-    QByteArray data(qsizetype(length), Qt::Uninitialized);
+    length = offset >= size ? 0 : std::min({length, size - offset, maxReadLength});
+    data.resize(decltype(data.size())(length));
     std::uint64_t done = 0;
     while (done < length) {
         const ssize_t got = ::pread(fd, data.data() + done, length - done, off_t(offset + done));
         if (got < 0) {
             if (errno == EINTR)
                 continue;
-            return std::nullopt;
+            return false;
         }
         if (got == 0)
             break;
         done += std::uint64_t(got);
     }
-    data.truncate(qsizetype(done));
+    data.resize(decltype(data.size())(done));
+    return true;
+}
+
+std::optional<QByteArray> readAt(int fd, std::uint64_t offset, std::uint64_t length)
+{
+    QByteArray data;
+    if (!readAt(fd, offset, length, data))
+        return std::nullopt;
     return data;
+}
+
+// Opening never waits: a FIFO or a device that took the place of an offered file would
+// otherwise hold the event loop in open() until a writer came. Only regular files are read.
+int openRegularForReading(const QString &path)
+{
+    UniqueFd fd(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        qCInfo(lcStream).noquote().nospace() << "not a regular file, not read: " << path;
+        return -1;
+    }
+    return fd.release();
+}
+
+constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// The chosen folder itself may be a link: it was the user's choice, so it is followed.
+UniqueFd openBase(const QString &base)
+{
+    return UniqueFd(::open(QFile::encodeName(base).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+QString withoutTrailingSlashes(QString path)
+{
+    while (path.size() > 1 && path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    return path;
 }
 
 std::uint64_t offsetInFileOf(int fd)
@@ -130,29 +165,52 @@ QString KXFileStreamOperation::getMacPathFromWindowsPath(const QString &windowsP
     return getFullPathWithWindowsPath(windowsPath, base);
 }
 
-void KXFileStreamOperation::createFolder(const QString &windowsPath, const QString &basePath)
+UniqueFd KXFileStreamOperation::createFolder(const QString &windowsPath, const QString &basePath)
 {
     const QStringList components = windowsPath.split(QLatin1Char('\\'));
     qCInfo(lcStream).noquote().nospace() << "windowsPath:" << windowsPath;
     qCInfo(lcStream).noquote().nospace() << "arr.clount:" << components.size();
+    const QString base = withoutTrailingSlashes(basePath);
+    const QStringList parts = kx::remoteComponents(windowsPath);
+    if (!kx::fitsFileSystem(base, parts) || parts.contains(QLatin1String(".."))) {
+        qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << "the name does not fit beneath the folder: " << windowsPath;
+        return {};
+    }
+    UniqueFd folder = openBase(base);
     QString running;
-    for (qsizetype i = 0; i + 1 < components.size(); ++i) {
-        const QString &component = components.at(i);
+    for (qsizetype i = 0; folder.valid() && i + 1 < parts.size(); ++i) {
+        const QString &component = parts.at(i);
         qCInfo(lcStream).noquote().nospace() << "string:" << component;
         running += QLatin1Char('/') + component;
         qCInfo(lcStream).noquote().nospace() << "fullPath:" << running;
-        QString base = basePath;
-        while (base.size() > 1 && base.endsWith(QLatin1Char('/')))
-            base.chop(1);
-        const QString folder = base + QLatin1Char('/') + removeTrailingSlash(running);
-        if (QFileInfo::exists(folder)) {
-            qCInfo(lcStream).noquote().nospace() << "文件夹已经存在:" << folder;
-            continue;
+        const QString shown = base + running;
+        const QByteArray name = QFile::encodeName(component);
+        UniqueFd next(::openat(folder.get(), name.constData(), folderFlags));
+        if (next.valid()) {
+            qCInfo(lcStream).noquote().nospace() << "文件夹已经存在:" << shown;
+        } else if (errno == ENOENT) {
+            qCInfo(lcStream).noquote().nospace() << "文件夹不存在需要创建这个文件夹:" << shown;
+            if (::mkdirat(folder.get(), name.constData(), 0755) != 0 && errno != EEXIST)
+                qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << std::strerror(errno) << ": " << shown;
+            next.reset(::openat(folder.get(), name.constData(), folderFlags));
+        } else {
+            // A link (to a folder or not) or a file: never walked through, never replaced.
+            qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << "not a folder of its own (a link or a file): " << shown;
         }
-        qCInfo(lcStream).noquote().nospace() << "文件夹不存在需要创建这个文件夹:" << folder;
-        if (!QDir().mkpath(folder))
-            qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << "could not create " << folder;
+        folder = std::move(next);
     }
+    return folder;
+}
+
+UniqueFd KXFileStreamOperation::openFolderBeneath(const QString &basePath, const QStringList &components)
+{
+    UniqueFd folder = openBase(withoutTrailingSlashes(basePath));
+    for (const QString &component : components) {
+        if (!folder.valid() || component == QLatin1String(".."))
+            return {};
+        folder.reset(::openat(folder.get(), QFile::encodeName(component).constData(), folderFlags));
+    }
+    return folder;
 }
 
 QString KXFileStreamOperation::cachesDirectory()
@@ -190,8 +248,8 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     if (!write) {
         if (!operation->getFileInfoAtPath(path))
             return nullptr;
-        operation->m_readFd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
-        return operation;
+        operation->m_readFd = openRegularForReading(path);
+        return operation->m_readFd >= 0 ? std::move(operation) : nullptr;
     }
 
     QString base = downloadDirectory();
@@ -200,28 +258,41 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
         base = basePath;
     }
     qCInfo(lcStream).noquote().nospace() << "cachesDirectory:" << base;
-    createFolder(path, base);
+    const QStringList parts = kx::remoteComponents(path);
+    // Every folder of the path is opened beneath the base without following a link, so
+    // a link already in the chosen folder can never carry a write outside it.
+    const UniqueFd folder = parts.isEmpty() ? UniqueFd() : createFolder(path, base);
     const QString fullPath = getFullPathWithWindowsPath(path, base);
     qCInfo(lcStream).noquote().nospace() << "将要创建这个文件path：" << fullPath;
-    const QFileInfo existing(fullPath);
-    if (existing.exists() || existing.isSymLink()) {
+    if (!folder.valid()) {
+        qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
+        return nullptr;
+    }
+    const QByteArray name = QFile::encodeName(parts.last());
+    struct stat existing {};
+    if (::fstatat(folder.get(), name.constData(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
         qCInfo(lcStream).noquote().nospace() << "fileMgr 先删除path:" << fullPath;
-        // Only files and links are replaced: a folder of the same name is the user's data.
-        if (!existing.isDir() || existing.isSymLink())
-            QFile::remove(fullPath);
+        // A file or a link is replaced; a folder of the same name is the user's data.
+        if (S_ISDIR(existing.st_mode)) {
+            qCInfo(lcStream).noquote().nospace() << "文件不存在：" << "a folder is in the way of " << fullPath;
+            return nullptr;
+        }
+        ::unlinkat(folder.get(), name.constData(), 0);
         qCInfo(lcStream).noquote().nospace() << "fileMgr 创建path:" << fullPath;
     } else {
         qCInfo(lcStream).noquote().nospace() << "没有这个文件直接创建path:" << fullPath;
     }
-    const int fd = ::open(QFile::encodeName(fullPath).constData(),
-                          O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (!operation->getFileInfoAtPath(fullPath) || fd < 0) {
-        if (fd >= 0)
-            ::close(fd);
+    UniqueFd file(::openat(folder.get(), name.constData(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+    if (!file.valid()) {
+        qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
         return nullptr;
     }
+    operation->filePath = fullPath;
+    operation->fileName = parts.last();
+    operation->fileSize = 0;
     qCInfo(lcStream).noquote().nospace() << "创建path成功：" << fullPath;
-    operation->m_writeFd = fd;
+    operation->m_writeFd = file.release();
     return operation;
 }
 
@@ -235,12 +306,12 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     if (forReadOperation) {
         if (!operation->getFileInfoAtPath(path))
             return nullptr;
-        operation->m_readFd = ::open(nativePath.constData(), O_RDONLY | O_CLOEXEC);
+        operation->m_readFd = openRegularForReading(path);
         operation->cutFileForFragments(fileSegmentSize);
         return operation;
     }
     // An existing file is kept as it is: this initializer resumes, it does not replace.
-    const int fd = ::open(nativePath.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const int fd = ::open(nativePath.constData(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0644);
     if (!operation->getFileInfoAtPath(path)) {
         if (fd >= 0)
             ::close(fd);
@@ -253,6 +324,11 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
 std::optional<QByteArray> KXFileStreamOperation::readDateOffSet(std::uint64_t offset, std::uint64_t length) const
 {
     return readAt(m_readFd, offset, length);
+}
+
+bool KXFileStreamOperation::readDateOffSet(std::uint64_t offset, std::uint64_t length, std::string &data) const
+{
+    return readAt(m_readFd, offset, length, data);
 }
 
 bool KXFileStreamOperation::writeDateOffSet(std::uint64_t offset, const QByteArray &data)

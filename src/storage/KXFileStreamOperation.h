@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KXFileFragment.h"
+#include "UniqueFd.h"
 
 #include <QByteArray>
 #include <QCborMap>
@@ -10,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 
 // Random access to one local file: created for writing a file that arrives from the
 // remote side (its remote Windows-style path mapped under a base folder), or opened for
@@ -36,7 +38,12 @@ public:
 
     static QString getMacPathFromWindowsPath(const QString &windowsPath, const QString &basePath);
     static QString getFullPathWithWindowsPath(const QString &windowsPath, const QString &basePath);
-    static void createFolder(const QString &windowsPath, const QString &basePath);
+    // Opens every folder of the remote path beneath basePath, creating what is missing,
+    // and returns the one the file goes into. Nothing when a component is a link or a
+    // file, or the name does not fit the file system: then nothing at all was created.
+    static UniqueFd createFolder(const QString &windowsPath, const QString &basePath);
+    // The folder at these components beneath basePath, no link followed; nothing if absent.
+    static UniqueFd openFolderBeneath(const QString &basePath, const QStringList &components);
     static QString removeTrailingSlash(const QString &string);
     static QString cachesDirectory();
     static QString desktopDirectory();
@@ -47,6 +54,7 @@ public:
     // Empty at or past the end of the file; nothing when no read handle is open or the
     // read failed.
     std::optional<QByteArray> readDateOffSet(std::uint64_t offset, std::uint64_t length) const;
+    bool readDateOffSet(std::uint64_t offset, std::uint64_t length, std::string &data) const;
     // False when no write handle is open or not every byte could be written.
     bool writeDateOffSet(std::uint64_t offset, const QByteArray &data);
 
@@ -72,6 +80,7 @@ public:
     std::optional<QString> basePath;
 
     bool hasReadHandle() const { return m_readFd >= 0; }
+    int writeDescriptor() const { return m_writeFd; }
     bool hasWriteHandle() const { return m_writeFd >= 0; }
 
 private:

@@ -4,27 +4,34 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
-std::optional<TestCertificate> makeSelfSignedCertificate()
+std::optional<TestAgent::Tls> makeCertificate(CertificateFault fault)
 {
     QTemporaryDir dir;
-    if (!dir.isValid())
+    const char *dates = fault == CertificateFault::expired       ? "20200101000000Z 20200102000000Z"
+                        : fault == CertificateFault::notYetValid ? "20400101000000Z 20410101000000Z"
+                                                                 : "20200101000000Z 20400101000000Z";
+    // A CA signs the agent's key: the agent's key itself, or one nobody knows.
+    const QString script = QStringLiteral(
+        "set -e; key='-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes'\n"
+        "openssl req -x509 $key -keyout ca.key -out ca.pem -days 2 -subj '/CN=Test CA' 2>/dev/null\n"
+        "openssl req $key -keyout agent.key -out agent.csr -subj '/CN=%1' 2>/dev/null\n"
+        "touch index.txt; echo 01 > serial\n"
+        "printf '[ca]\\ndefault_ca=c\\n[c]\\ndatabase=index.txt\\nnew_certs_dir=.\\nserial=serial\\n"
+        "default_md=sha256\\npolicy=p\\nunique_subject=no\\n[p]\\ncommonName=supplied\\n' > ca.cnf\n"
+        "set -- %2\n"
+        "openssl ca -batch -config ca.cnf %3 -in agent.csr -out agent.pem -startdate $1 -enddate $2 2>/dev/null\n")
+        .arg(fault == CertificateFault::otherHost ? "other.example" : "127.0.0.1", dates,
+             fault == CertificateFault::unknownIssuer ? "-keyfile ca.key -cert ca.pem" : "-selfsign -keyfile agent.key");
+    QProcess shell;
+    shell.setWorkingDirectory(dir.path());
+    shell.start(QStringLiteral("sh"), {QStringLiteral("-c"), script});
+    if (!shell.waitForFinished(60000) || shell.exitCode() != 0)
         return std::nullopt;
-    const QString keyPath = dir.filePath(QStringLiteral("key.pem"));
-    const QString certPath = dir.filePath(QStringLiteral("cert.pem"));
-    QProcess openssl;
-    openssl.start(QStringLiteral("openssl"),
-                  {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"), QStringLiteral("rsa:2048"),
-                   QStringLiteral("-nodes"), QStringLiteral("-keyout"), keyPath, QStringLiteral("-out"), certPath,
-                   QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"), QStringLiteral("/CN=127.0.0.1"),
-                   QStringLiteral("-addext"), QStringLiteral("subjectAltName=IP:127.0.0.1")});
-    if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0)
+    QFile key(dir.filePath("agent.key")), cert(dir.filePath("agent.pem"));
+    if (!key.open(QIODevice::ReadOnly) || !cert.open(QIODevice::ReadOnly))
         return std::nullopt;
-    QFile keyFile(keyPath);
-    QFile certFile(certPath);
-    if (!keyFile.open(QIODevice::ReadOnly) || !certFile.open(QIODevice::ReadOnly))
+    TestAgent::Tls tls{QSslCertificate(cert.readAll(), QSsl::Pem), QSslKey(key.readAll(), QSsl::Ec, QSsl::Pem)};
+    if (tls.certificate.isNull() || tls.key.isNull())
         return std::nullopt;
-    TestCertificate result{QSslCertificate(certFile.readAll(), QSsl::Pem), QSslKey(keyFile.readAll(), QSsl::Rsa, QSsl::Pem)};
-    if (result.certificate.isNull() || result.key.isNull())
-        return std::nullopt;
-    return result;
+    return tls;
 }

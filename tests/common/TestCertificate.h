@@ -1,16 +1,10 @@
 #pragma once
 
-#include <QSslCertificate>
-#include <QSslKey>
+#include "TestAgent.h"
 
 #include <optional>
 
-struct TestCertificate
-{
-    QSslCertificate certificate;
-    QSslKey key;
-};
-
-// A fresh self-signed certificate for 127.0.0.1, made with the openssl command line;
-// nothing if openssl is missing or fails.
-std::optional<TestCertificate> makeSelfSignedCertificate();
+// A certificate for 127.0.0.1 made at test time with the openssl command line, with one
+// of the faults an agent's own certificate can have; nothing if openssl fails.
+enum class CertificateFault { selfSigned, expired, notYetValid, otherHost, unknownIssuer };
+std::optional<TestAgent::Tls> makeCertificate(CertificateFault fault);

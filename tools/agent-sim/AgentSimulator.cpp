@@ -1,6 +1,8 @@
 #include "AgentSimulator.h"
 
 #include "Frame.h"
+#include "FileTime.h"
+#include "Wire.h"
 
 #include <QDirIterator>
 #include <QFileInfo>
@@ -16,7 +18,7 @@
 
 namespace {
 
-constexpr std::uint32_t chunk = 262144;
+using namespace kx::wire;
 
 bool makeCertificate(QSslConfiguration &configuration, QString *error)
 {
@@ -101,18 +103,21 @@ void AgentSimulator::buildOffer()
     for (const QString &path : std::as_const(paths)) {
         const QFileInfo info(path);
         FileSDK::FileDescriptorw d;
-        d.set_dwflags(0x4024);
-        d.set_dwfileattributes(info.isDir() ? 0x10 : 0x80);
+        d.set_dwflags(descriptorFlags);
+        d.set_dwfileattributes(info.isDir() ? folderAttributes : normalAttributes);
         const quint64 size = info.isDir() ? 0 : quint64(info.size());
-        d.set_nfilesizehigh(std::uint32_t(size >> 32));
-        d.set_nfilesizelow(std::uint32_t(size & 0xffffffffu));
+        d.set_nfilesizehigh(kx::highHalf(size));
+        d.set_nfilesizelow(kx::lowHalf(size));
+        const quint64 written = kx::fileTime(info.lastModified());
+        d.set_ftlastwritetimehigh(kx::highHalf(written));
+        d.set_ftlastwritetimelow(kx::lowHalf(written));
         d.set_cfilename(root.relativeFilePath(path).replace('/', '\\').toStdString());
         m_offer.append({path, d});
         m_offerBytes += size;
     }
     for (const QString &name : std::as_const(m_options.extraNames)) {
         FileSDK::FileDescriptorw d;
-        d.set_dwfileattributes(0x80);
+        d.set_dwfileattributes(normalAttributes);
         d.set_nfilesizelow(4);
         d.set_cfilename(name.toStdString());
         m_offer.append({QString(), d});
@@ -139,9 +144,28 @@ void AgentSimulator::onConnection()
     }
 }
 
+// Each answer is delayed on its own, as a far network delays every packet: queries that
+// arrive together are answered together, one round trip later.
 void AgentSimulator::send(const google::protobuf::MessageLite &message, FrameType type)
 {
     const QByteArray frame = kx::encodeFrame(message, type);
+    if (m_options.reorder && type == FrameType::fileContentsResponse) {
+        // Held until this turn of the event loop ends, then sent last first.
+        if (m_held.isEmpty())
+            QTimer::singleShot(0, this, [this] {
+                QList<QByteArray> held;
+                held.swap(m_held);
+                for (auto it = held.crbegin(); it != held.crend(); ++it)
+                    deliver(*it);
+            });
+        m_held.append(frame);
+        return;
+    }
+    deliver(frame);
+}
+
+void AgentSimulator::deliver(const QByteArray &frame)
+{
     QPointer<QWebSocket> client = m_client;
     auto write = [client, frame] {
         if (client)
@@ -200,7 +224,7 @@ void AgentSimulator::answerDescriptorRequest(const FileSDK::CliprdrFormatDataReq
 {
     say(QStringLiteral("descriptor list asked for (format %1)").arg(request.requestedformatid()));
     FileSDK::MacCliprdrFormatDataResponse response;
-    *response.mutable_header() = kx::makeHeader(1, 0, 1, 1);
+    *response.mutable_header() = kx::answerHeader();
     for (const Entry &entry : std::as_const(m_offer))
         *response.add_filedes() = entry.descriptor;
     m_servedBytes = 0;
@@ -211,19 +235,19 @@ void AgentSimulator::answerDescriptorRequest(const FileSDK::CliprdrFormatDataReq
 void AgentSimulator::answerContents(const FileSDK::CliprdrFileContentsRequest &request)
 {
     FileSDK::CliprdrFileContentsResponse response;
-    *response.mutable_header() = kx::makeHeader(1, 0, 1, 1);
+    *response.mutable_header() = kx::answerHeader();
     response.set_streamid(request.streamid());
     if (request.listindex() >= std::uint32_t(m_offer.size()))
         return;
     const Entry &entry = m_offer.at(request.listindex());
     const quint64 size = kx::descriptorSize(entry.descriptor);
-    if (request.dwflags() == 1) {
-        response.set_cbrequested(8);
+    if (request.dwflags() == sizeQueryFlag) {
+        response.set_cbrequested(sizeQueryLength);
         response.set_requesteddata(reinterpret_cast<const char *>(&size), 8);
         send(response, FrameType::fileContentsResponse);
         return;
     }
-    const quint64 offset = kx::joinHalves(request.npositionhigh(), request.npositionlow());
+    const quint64 offset = kx::queryOffset(request);
     std::string &data = *response.mutable_requesteddata();
     if (entry.localPath.isEmpty()) {
         data = QByteArray("evil").mid(qsizetype(offset), qsizetype(request.cbrequested())).toStdString();
@@ -277,7 +301,7 @@ void AgentSimulator::startFetch()
         return;
     FileSDK::CliprdrFormatDataRequest request;
     *request.mutable_header() = kx::makeHeader(0, 0, 0, 0);
-    request.set_requestedformatid(49346);
+    request.set_requestedformatid(descriptorFormatId);
     send(request, FrameType::formatDataRequest);
     say(QStringLiteral("pasting on the remote side: asked for the descriptor list"));
 }
@@ -305,7 +329,7 @@ void AgentSimulator::fetchNext()
         if (name.isEmpty() || name.split('/').contains(QStringLiteral("..")))
             continue;
         const QString path = inbox.filePath(name);
-        if (d.dwfileattributes() == 0x10) {
+        if (d.dwfileattributes() == folderAttributes) {
             inbox.mkpath(name);
             continue;
         }
@@ -315,12 +339,8 @@ void AgentSimulator::fetchNext()
             say(QStringLiteral("cannot write %1").arg(path));
             continue;
         }
-        FileSDK::CliprdrFileContentsRequest request;
-        request.set_streamid(std::uint32_t(index % 10));
-        request.set_listindex(std::uint32_t(index));
-        request.set_dwflags(1);
-        request.set_cbrequested(8);
-        send(request, FrameType::fileContentsRequest);
+        send(kx::makeContentsQuery(std::uint32_t(index % 10), std::uint32_t(index), sizeQueryFlag, 0, sizeQueryLength),
+             FrameType::fileContentsRequest);
         return;
     }
     m_fetching = false;
@@ -337,21 +357,16 @@ void AgentSimulator::askRange()
         fetchNext();
         return;
     }
-    FileSDK::CliprdrFileContentsRequest request;
-    request.set_streamid(std::uint32_t(m_fetch.index % 10));
-    request.set_listindex(std::uint32_t(m_fetch.index));
-    request.set_dwflags(2);
-    request.set_npositionlow(std::uint32_t(m_fetch.received & 0xffffffffu));
-    request.set_npositionhigh(std::uint32_t(m_fetch.received >> 32));
-    request.set_cbrequested(chunk);
-    send(request, FrameType::fileContentsRequest);
+    send(kx::makeContentsQuery(std::uint32_t(m_fetch.index % 10), std::uint32_t(m_fetch.index), rangeQueryFlag,
+                               m_fetch.received, chunkSize),
+         FrameType::fileContentsRequest);
 }
 
 void AgentSimulator::onContents(const FileSDK::CliprdrFileContentsResponse &response)
 {
     if (!m_fetching || !m_fetch.file)
         return;
-    if (response.header().msgflags() == 2) {
+    if (response.header().msgflags() == responseFailed) {
         say(QStringLiteral("the companion could not read %1").arg(m_fetch.path));
         m_fetch.file->close();
         fetchNext();

@@ -31,6 +31,7 @@ public:
         int rttMs = 0;
         qint64 dropAfterBytes = -1; // drop the connection once this many bytes were served
         QStringList extraNames;     // names offered as they are, such as hostile ones
+        bool reorder = false;       // answer the queries of one turn last first
     };
 
     explicit AgentSimulator(const Options &options, QObject *parent = nullptr);
@@ -59,6 +60,7 @@ private:
     void onConnection();
     void onFrame(const QByteArray &frame);
     void send(const google::protobuf::MessageLite &message, FrameType type);
+    void deliver(const QByteArray &frame);
     void sendFormatList();
     void answerDescriptorRequest(const FileSDK::CliprdrFormatDataRequest &request);
     void answerContents(const FileSDK::CliprdrFileContentsRequest &request);
@@ -85,4 +87,5 @@ private:
     int m_fetchedFiles = 0;
     QElapsedTimer m_fetchClock;
     bool m_fetching = false;
+    QList<QByteArray> m_held; // answers of this turn, when they go out in reverse
 };

@@ -23,6 +23,7 @@ int main(int argc, char *argv[])
         {"rtt-ms", "Delay every answer by this many milliseconds.", "ms", "0"},
         {"drop-after-bytes", "Drop the connection once this many bytes were served.", "bytes", "-1"},
         {"offer-name", "Also offer a 4-byte file under this exact remote name.", "name"},
+        {"reorder", "Answer the file-contents queries that arrive together last first."},
     });
     parser.process(app);
 
@@ -35,6 +36,7 @@ int main(int argc, char *argv[])
     options.rttMs = parser.value("rtt-ms").toInt();
     options.dropAfterBytes = parser.value("drop-after-bytes").toLongLong();
     options.extraNames = parser.values("offer-name");
+    options.reorder = parser.isSet("reorder");
 
     AgentSimulator simulator(options);
     QString error;

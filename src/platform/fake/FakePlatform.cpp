@@ -7,7 +7,11 @@ class FakePasteboard : public Pasteboard
 public:
     explicit FakePasteboard(FakePlatformState &s) : s(s) {}
     std::int64_t changeCount() const override { return s.changeCount; }
-    std::optional<QList<QUrl>> readUrls() const override { return s.urls; }
+    std::optional<QList<QUrl>> readUrls() const override
+    {
+        ++s.reads;
+        return s.urls;
+    }
     void clearContents() override
     {
         ++s.clears;

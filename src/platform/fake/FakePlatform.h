@@ -11,6 +11,7 @@ struct FakePlatformState
 {
     std::int64_t changeCount = 0;
     std::optional<QList<QUrl>> urls = QList<QUrl>{};
+    int reads = 0;
     int clears = 0;
     std::function<void(const KeyEvent &)> keyHandler;
     bool keyMonitorInstalled = false;

@@ -6,7 +6,15 @@
 
 QtPasteboard::QtPasteboard()
 {
-    connect(QGuiApplication::clipboard(), &QClipboard::dataChanged, this, [this] { ++m_changeCount; });
+    connect(QGuiApplication::clipboard(), &QClipboard::dataChanged, this, [this] {
+        // On X11 the board empties when the application that copied quits. A pasteboard
+        // keeps its contents after its writer has gone, so that is no change: the last
+        // local copy stays announced and served. Anything written, even our own clearing,
+        // carries at least one format.
+        const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard);
+        if (data && !data->formats().isEmpty())
+            ++m_changeCount;
+    });
 }
 
 std::optional<QList<QUrl>> QtPasteboard::readUrls() const

@@ -5,7 +5,8 @@
 #include <QObject>
 
 // The desktop clipboard. Its change count is ours: it rises on every change Qt reports,
-// our own clearing included, as the watcher expects of a system counter.
+// our own clearing included, as the watcher expects of a system counter; only the loss
+// of the board's owner, which writes nothing, leaves it as it is.
 class QtPasteboard : public QObject, public Pasteboard
 {
 public:

@@ -1,6 +1,7 @@
 #include "X11KeyMonitor.h"
 
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <X11/XKBlib.h>
 #include <X11/Xlib.h>
@@ -9,6 +10,9 @@
 
 namespace {
 
+// Raw events reach every client that asks for them, even while another client grabs the
+// keyboard (a menu, a lock screen, a full-screen remote desktop), only from XInput 2.1 on;
+// before, a Ctrl released during a grab was never seen and stayed held.
 bool openXInput2(Display *display, int *opcode)
 {
     int event = 0;
@@ -16,9 +20,11 @@ bool openXInput2(Display *display, int *opcode)
     if (!XQueryExtension(display, "XInputExtension", opcode, &event, &error))
         return false;
     int major = 2;
-    int minor = 0;
-    return XIQueryVersion(display, &major, &minor) == Success;
+    int minor = 2;
+    return XIQueryVersion(display, &major, &minor) == Success && (major > 2 || minor >= 2);
 }
+
+constexpr int resyncDelayMs = 1000;
 
 // The text of a key as typed with only Shift: Latin-1 keysyms are their own character.
 QString keysymText(unsigned long keysym)
@@ -71,6 +77,10 @@ bool X11KeyMonitor::install(std::function<void(const KeyEvent &)> handler)
     m_handler = std::move(handler);
     m_notifier = new QSocketNotifier(ConnectionNumber(m_display), QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, &X11KeyMonitor::readEvents);
+    m_resync = new QTimer(this);
+    m_resync->setSingleShot(true);
+    m_resync->setInterval(resyncDelayMs);
+    connect(m_resync, &QTimer::timeout, this, &X11KeyMonitor::dropReleasedModifiers);
     return true;
 }
 
@@ -78,6 +88,8 @@ void X11KeyMonitor::remove()
 {
     delete m_notifier;
     m_notifier = nullptr;
+    delete m_resync;
+    m_resync = nullptr;
     if (m_display)
         XCloseDisplay(m_display);
     m_display = nullptr;
@@ -124,5 +136,25 @@ void X11KeyMonitor::readEvents()
         key.charactersIgnoringModifiers = keysymText(XkbKeycodeToKeysym(m_display, KeyCode(keycode), 0, shift ? 1 : 0));
         if (m_handler)
             m_handler(key);
+    }
+    if (m_resync && !m_held.isEmpty())
+        m_resync->start();
+}
+
+// A release can still be missed (a keyboard unplugged with Ctrl down, a server that
+// drops events). Once the raw stream has been quiet for a while, the server's key map is
+// no longer behind it: a modifier the server says is up is up.
+void X11KeyMonitor::dropReleasedModifiers()
+{
+    if (!m_display || XPending(m_display) > 0)
+        return;
+    char keys[32] = {};
+    XQueryKeymap(m_display, keys);
+    for (auto it = m_held.begin(); it != m_held.end();) {
+        const int keycode = *it;
+        if (keycode >= 0 && keycode < 256 && !(keys[keycode / 8] & (1 << (keycode % 8))))
+            it = m_held.erase(it);
+        else
+            ++it;
     }
 }

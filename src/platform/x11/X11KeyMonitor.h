@@ -6,6 +6,7 @@
 #include <QSet>
 
 class QSocketNotifier;
+class QTimer;
 struct _XDisplay;
 
 // Global key presses from XInput2 raw events on the root window of a connection of our
@@ -21,16 +22,18 @@ public:
     bool install(std::function<void(const KeyEvent &)> handler) override;
     void remove() override;
 
-    // Whether a display with XInput2 2.0 or newer can be opened here.
+    // Whether a display with XInput 2.2 or newer can be opened here.
     static bool available();
 
 private:
     void readEvents();
+    void dropReleasedModifiers();
     bool heldModifier(unsigned long keysymLeft, unsigned long keysymRight) const;
 
     _XDisplay *m_display = nullptr;
     int m_xiOpcode = 0;
     QSocketNotifier *m_notifier = nullptr;
+    QTimer *m_resync = nullptr;
     std::function<void(const KeyEvent &)> m_handler;
     QSet<int> m_held;
 };

@@ -2,11 +2,17 @@
 
 namespace kx {
 
+namespace {
+
+constexpr std::int64_t secondsFrom1601To1970 = 11644473600;
+constexpr std::int64_t ticksPerSecond = 10000000;
+
+} // namespace
+
 std::uint64_t fileTime(const QDateTime &date)
 {
     if (!date.isValid())
         return 0;
-    constexpr std::int64_t secondsFrom1601To1970 = 11644473600;
     const std::int64_t ms = date.toMSecsSinceEpoch();
     // Whole seconds, counted from 1601: the fraction is dropped on that count, so a date
     // before 1970 rounds down just as one after it does.
@@ -14,7 +20,16 @@ std::uint64_t fileTime(const QDateTime &date)
     const std::int64_t since1601 = seconds + secondsFrom1601To1970;
     if (since1601 < 0)
         return 0;
-    return std::uint64_t(since1601) * 10000000ull;
+    return std::uint64_t(since1601) * ticksPerSecond;
+}
+
+timespec timespecFromFileTime(std::uint64_t fileTime)
+{
+    const auto ticks = std::int64_t(fileTime / ticksPerSecond);
+    timespec at{};
+    at.tv_sec = time_t(ticks - secondsFrom1601To1970);
+    at.tv_nsec = long(fileTime % ticksPerSecond) * 100;
+    return at;
 }
 
 } // namespace kx

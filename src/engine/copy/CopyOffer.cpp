@@ -1,0 +1,196 @@
+#include "CopyOffer.h"
+
+#include "EngineLog.h"
+#include "FileTime.h"
+#include "KXFileManager.h"
+#include "Messages.h"
+#include "Wire.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+namespace {
+
+QString joinPath(const QString &folder, const QString &name)
+{
+    return folder.endsWith(QLatin1Char('/')) ? folder + name : folder + QLatin1Char('/') + name;
+}
+
+QString withoutTrailingSlash(QString path)
+{
+    while (path.size() > 1 && path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    return path;
+}
+
+// Only regular files and folders are offered: a FIFO, a socket or a device has no
+// contents to serve, and opening one could wait for ever.
+bool isSpecial(const QFileInfo &info, const QString &path)
+{
+    if (!info.exists() || info.isDir() || info.isFile())
+        return false;
+    qCInfo(lcEngine).noquote().nospace() << "Skipping " << path << ": not a regular file or folder";
+    return true;
+}
+
+} // namespace
+
+void CopyOffer::rebuild()
+{
+    m_uploadCopyQueue.clear();
+    m_uploadCopyUrlList.clear();
+    m_uploadQueueNum = 0;
+    // One walk both counts and describes: an entry that vanished while the folder was
+    // listed is counted but not described, so cItems may exceed the descriptors.
+    for (const QUrl &url : std::as_const(m_fileList)) {
+        m_rootDirectory = url;
+        const QFileInfo item(url.toLocalFile());
+        if (!item.exists() || isSpecial(item, url.toLocalFile()))
+            continue;
+        ++m_uploadQueueNum;
+        if (item.isDir()) {
+            appendRootFolderDescriptor(url);
+            QStringList walk;
+            if (enterFolder(item.absoluteFilePath(), walk))
+                appendDirectoryDescriptors(url.toLocalFile(), walk);
+        } else {
+            appendRootFileDescriptor(url);
+        }
+    }
+    // Every descriptor of one offer carries the offer's total count.
+    for (FileSDK::FileDescriptorw &descriptor : m_uploadCopyQueue)
+        descriptor.set_citems(std::uint32_t(m_uploadQueueNum));
+}
+
+// Symbolic links are followed, so a link back to a folder being walked would never end:
+// a folder already on the walk path is listed but not entered again.
+bool CopyOffer::enterFolder(const QString &path, QStringList &walk)
+{
+    const QString canonical = QFileInfo(path).canonicalFilePath();
+    if (walk.contains(canonical)) {
+        qCInfo(lcEngine).noquote().nospace() << "Skipping a folder already on the walk path (link cycle): " << path;
+        return false;
+    }
+    walk.append(canonical);
+    return true;
+}
+
+std::optional<QStringList> CopyOffer::listFolder(const QString &path)
+{
+    const QFileInfo info(path);
+    if (!info.exists()) {
+        qCInfo(lcEngine).noquote().nospace() << "Directory not found: " << path;
+        return std::nullopt;
+    }
+    if (!info.isDir()) {
+        qCInfo(lcEngine).noquote().nospace() << "Path is not a directory: " << path;
+        return std::nullopt;
+    }
+    QDir folder(path);
+    if (!folder.isReadable()) {
+        qCInfo(lcEngine).noquote().nospace() << "Error listing contents of directory: " << "cannot read " << path;
+        return std::nullopt;
+    }
+    return folder.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
+}
+
+QString CopyOffer::relativePath(const QString &from, const QString &to)
+{
+    const QStringList fromParts = from.split(QLatin1Char('/'));
+    const QStringList toParts = to.split(QLatin1Char('/'));
+    qsizetype common = 0;
+    while (common < fromParts.size() && common < toParts.size() && fromParts.at(common) == toParts.at(common))
+        ++common;
+    QStringList result;
+    for (qsizetype i = common; i < fromParts.size(); ++i)
+        result.append(QStringLiteral(".."));
+    result.append(toParts.mid(common));
+    return result.join(QStringLiteral("//"));
+}
+
+QString CopyOffer::remoteName(const QString &itemPath) const
+{
+    const QString rootPath = withoutTrailingSlash(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
+    const QString relative = relativePath(rootPath, withoutTrailingSlash(itemPath));
+    qCInfo(lcEngine).noquote().nospace() << "Directoryrela:" << relative;
+    QString name = QFileInfo(rootPath).fileName() + QStringLiteral("//") + relative;
+    while (name.endsWith(QLatin1String("//")))
+        name.chop(1);
+    return name;
+}
+
+FileSDK::FileDescriptorw CopyOffer::makeDescriptor(const QString &path, bool folder, bool topLevel)
+{
+    const std::uint64_t size = folder ? 0 : m_files.fileSizeAtPath(path);
+    const std::uint64_t created = kx::fileTime(m_files.creationDateAtPath(path));
+    const std::uint64_t modified = kx::fileTime(m_files.modificationDateAtPath(path));
+
+    FileSDK::FileDescriptorw descriptor;
+    descriptor.set_dwflags(kx::wire::descriptorFlags);
+    descriptor.set_clsid(kx::wire::zeroClsid);
+    descriptor.set_dwfileattributes(folder ? kx::wire::folderAttributes : kx::wire::normalAttributes);
+    descriptor.set_ftcreationtimelow(kx::lowHalf(created));
+    descriptor.set_ftcreationtimehigh(kx::highHalf(created));
+    descriptor.set_ftlastaccesstimelow(kx::lowHalf(modified));
+    descriptor.set_ftlastaccesstimehigh(kx::highHalf(modified));
+    descriptor.set_ftlastwritetimelow(kx::lowHalf(modified));
+    descriptor.set_ftlastwritetimehigh(kx::highHalf(modified));
+    if (folder) {
+        descriptor.set_nfilesizehigh(kx::wire::folderSizeHigh);
+        descriptor.set_nfilesizelow(topLevel ? kx::wire::topFolderSizeLow : 0);
+    } else {
+        descriptor.set_nfilesizehigh(kx::highHalf(size));
+        descriptor.set_nfilesizelow(kx::lowHalf(size));
+        qCInfo(lcEngine).noquote().nospace() << "fileSize:" << size;
+        qCInfo(lcEngine).noquote().nospace() << "fileName:" << QFileInfo(path).fileName();
+        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << created;
+        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << modified;
+        qCInfo(lcEngine).noquote().nospace() << "lowSize:" << descriptor.nfilesizelow();
+        qCInfo(lcEngine).noquote().nospace() << "highSize:" << descriptor.nfilesizehigh();
+    }
+    qCInfo(lcEngine).noquote().nospace() << "createTimeLow:" << descriptor.ftcreationtimelow();
+    qCInfo(lcEngine).noquote().nospace() << "createTimeHigh:" << descriptor.ftcreationtimehigh();
+    if (folder)
+        qCInfo(lcEngine).noquote().nospace() << "self.rootDirectory?.path:"
+                                             << (m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
+    const QString name = remoteName(path);
+    qCInfo(lcEngine).noquote().nospace() << "finalName:" << name;
+    descriptor.set_cfilename(name.toStdString());
+    return descriptor;
+}
+
+void CopyOffer::appendRootFileDescriptor(const QUrl &url)
+{
+    m_uploadCopyQueue.append(makeDescriptor(url.toLocalFile(), false, true));
+    m_uploadCopyUrlList.append(url);
+}
+
+void CopyOffer::appendRootFolderDescriptor(const QUrl &url)
+{
+    m_uploadCopyQueue.append(makeDescriptor(url.toLocalFile(), true, true));
+    m_uploadCopyUrlList.append(url);
+}
+
+void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &walk)
+{
+    const auto names = listFolder(path);
+    if (!names)
+        return;
+    for (const QString &name : *names) {
+        const QString full = joinPath(path, name);
+        const QFileInfo info(full);
+        if (isSpecial(info, full))
+            continue;
+        ++m_uploadQueueNum;
+        if (!info.exists())
+            continue;
+        const bool folder = info.isDir();
+        qCInfo(lcEngine).noquote().nospace() << (folder ? "Directory: " : "File: ") << full;
+        m_uploadCopyQueue.append(makeDescriptor(full, folder, false));
+        m_uploadCopyUrlList.append(QUrl::fromLocalFile(full));
+        if (folder && enterFolder(full, walk)) {
+            appendDirectoryDescriptors(full, walk);
+            walk.removeLast();
+        }
+    }
+}

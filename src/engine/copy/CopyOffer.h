@@ -1,0 +1,52 @@
+#pragma once
+
+#include "filesdk.pb.h"
+
+#include <QList>
+#include <QStringList>
+#include <QUrl>
+
+#include <cstdint>
+#include <optional>
+
+class KXFileManager;
+
+// What the local copy offers the remote side: the copied items, and on each request of
+// the remote side a descriptor per file and folder (folders walked, pre-order), with the
+// local item behind each descriptor at the same index.
+class CopyOffer
+{
+public:
+    explicit CopyOffer(KXFileManager &files) : m_files(files) {}
+
+    void setFileList(const QList<QUrl> &urls) { m_fileList = urls; }
+    const QList<QUrl> &fileList() const { return m_fileList; }
+
+    // Walks the copied items again, as they are now.
+    void rebuild();
+
+    const QList<FileSDK::FileDescriptorw> &uploadCopyQueue() const { return m_uploadCopyQueue; }
+    QList<FileSDK::FileDescriptorw> &uploadCopyQueue() { return m_uploadCopyQueue; }
+    const QList<QUrl> &uploadCopyUrlList() const { return m_uploadCopyUrlList; }
+    std::int64_t uploadQueueNum() const { return m_uploadQueueNum; }
+
+    // The path from one folder to an item, components joined with "//" as the remote
+    // side expects them.
+    static QString relativePath(const QString &from, const QString &to);
+
+private:
+    void appendRootFileDescriptor(const QUrl &url);
+    void appendRootFolderDescriptor(const QUrl &url);
+    void appendDirectoryDescriptors(const QString &path, QStringList &walk);
+    bool enterFolder(const QString &path, QStringList &walk);
+    std::optional<QStringList> listFolder(const QString &path);
+    FileSDK::FileDescriptorw makeDescriptor(const QString &path, bool folder, bool topLevel);
+    QString remoteName(const QString &itemPath) const;
+
+    KXFileManager &m_files;
+    QList<QUrl> m_fileList;
+    QList<FileSDK::FileDescriptorw> m_uploadCopyQueue;
+    QList<QUrl> m_uploadCopyUrlList;
+    std::int64_t m_uploadQueueNum = 0;
+    std::optional<QUrl> m_rootDirectory;
+};

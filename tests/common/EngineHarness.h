@@ -1,0 +1,190 @@
+#pragma once
+
+// The real engine with its own file manager, a scripted folder chooser and a chosen
+// folder beneath a scratch root, talking to a remote side played by the test: over the
+// loopback sink (no network, every step synchronous) or over a real socket manager and
+// an in-process agent (ws or wss).
+#include "ClipBoardManager.h"
+#include "Frame.h"
+#include "KXFileManager.h"
+#include "LoopbackFrameSink.h"
+#include "Messages.h"
+#include "PasteboardAccess.h"
+#include "SocketManager.h"
+#include "Support.h"
+#include "TestAgent.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <functional>
+#include <memory>
+
+Q_DECLARE_METATYPE(PastedError)
+
+using Descriptors = QList<FileSDK::FileDescriptorw>;
+using Query = FileSDK::CliprdrFileContentsRequest;
+using Contents = QHash<int, QByteArray>; // file bytes by list index
+
+// A folder chooser whose answer the test sets; it can run a hook while "open", as a real
+// modal dialog runs a nested event loop.
+struct ScriptedChooser : FolderChooser
+{
+    FolderChoice answer;
+    int runs = 0, depth = 0, maxDepth = 0;
+    std::function<void()> whileOpen;
+    FolderChoice runModal() override
+    {
+        ++runs;
+        maxDepth = std::max(maxDepth, ++depth);
+        if (auto hook = std::exchange(whileOpen, nullptr))
+            hook();
+        --depth;
+        return answer;
+    }
+};
+
+struct CountingPasteboard : PasteboardAccess
+{
+    int clears = 0;
+    void clearContents() override { ++clears; }
+};
+
+inline FileSDK::FileDescriptorw descriptor(const QString &name, std::uint64_t size, std::uint32_t attributes = 0x80,
+                                           std::uint64_t lastWrite = 0)
+{
+    FileSDK::FileDescriptorw d;
+    d.set_dwflags(lastWrite ? 0x4024 : 0x4004);
+    d.set_dwfileattributes(attributes);
+    d.set_nfilesizehigh(std::uint32_t(size >> 32));
+    d.set_nfilesizelow(std::uint32_t(size & 0xffffffffu));
+    d.set_ftlastwritetimehigh(std::uint32_t(lastWrite >> 32));
+    d.set_ftlastwritetimelow(std::uint32_t(lastWrite & 0xffffffffu));
+    d.set_cfilename(name.toStdString());
+    return d;
+}
+
+class EngineHarness
+{
+public:
+    enum class Link { loopback, ws, wss };
+
+    explicit EngineHarness(int window = 1, Link link = Link::loopback, std::optional<TestAgent::Tls> tls = {})
+    {
+        dest = root.filePath(QStringLiteral("inner/dest"));
+        QDir().mkpath(dest);
+        chooser = new ScriptedChooser;
+        chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest)};
+        files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+        if (link == Link::loopback) {
+            engine = std::make_unique<ClipBoardManager>(QStringLiteral("ws://agent"), QStringLiteral("1"),
+                                                        QStringLiteral("tok"), QStringLiteral("7"),
+                                                        EngineContext{sink, files, pasteboard}, window);
+            sink.open();
+            return;
+        }
+        agent = std::make_unique<TestAgent>(link == Link::wss ? tls : std::nullopt);
+        socket = std::make_unique<SocketManager>();
+        engine = std::make_unique<ClipBoardManager>(agent->ip(), agent->port(), QStringLiteral("tok"),
+                                                    QStringLiteral("7"), EngineContext{*socket, files, pasteboard},
+                                                    window);
+    }
+
+    // The remote side's moves.
+    void send(const QByteArray &frame) { agent ? agent->send(frame) : sink.deliver(frame); }
+    void send(const google::protobuf::MessageLite &message, FrameType type) { send(kx::encodeFrame(message, type)); }
+    void remoteCopy()
+    {
+        FileSDK::CliprdrFormatList list = kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7));
+        const int clears = pasteboard.clears;
+        send(list, FrameType::formatList);
+        (void)QTest::qWaitFor([&] { return pasteboard.clears > clears; }, 5000);
+    }
+    void offer(const Descriptors &list)
+    {
+        FileSDK::MacCliprdrFormatDataResponse response;
+        for (const auto &d : list)
+            *response.add_filedes() = d;
+        send(response, FrameType::formatDataResponse);
+    }
+    void reply(std::uint32_t streamId, const QByteArray &data)
+    {
+        send(kx::makeContentsAnswer(streamId, data.toStdString()), FrameType::fileContentsResponse);
+    }
+    void paste()
+    {
+        engine->startPaste(
+            [this](double value) {
+                progress.append(value);
+                shownNames.append(engine->currentFileName());
+            },
+                           [this](bool ok, PastedError error) { ends.append({ok, error}); });
+    }
+
+    // What the engine sent, in order, waiting for it if need be.
+    std::optional<QByteArray> nextFrame(int timeoutMs = 5000)
+    {
+        if (agent)
+            return agent->nextFrame(timeoutMs);
+        if (sink.sent.isEmpty() && !QTest::qWaitFor([&] { return !sink.sent.isEmpty(); }, timeoutMs))
+            return std::nullopt;
+        return sink.sent.takeFirst();
+    }
+    // The next frame, which must be of this type.
+    template <typename Message>
+    std::optional<Message> next(FrameType type, int timeoutMs = 5000)
+    {
+        const auto frame = nextFrame(timeoutMs);
+        if (!frame || frame->isEmpty() || std::uint8_t(frame->back()) != std::uint8_t(type))
+            return std::nullopt;
+        return kx::parseMessage<Message>(frame->first(frame->size() - 1));
+    }
+    std::optional<Query> query(int timeoutMs = 5000) { return next<Query>(FrameType::fileContentsRequest, timeoutMs); }
+
+    // Answers every query as the remote side would, from the contents by list index,
+    // until the paste ends; with reverse, each batch of queries is answered last first.
+    bool serve(const Contents &contents, bool reverse = false)
+    {
+        const qsizetype before = ends.size();
+        const auto sentSome = [&] { return agent ? !agent->frames.isEmpty() : !sink.sent.isEmpty(); };
+        while (ends.size() == before) {
+            if (!QTest::qWaitFor([&] { return sentSome() || ends.size() > before; }, 10000))
+                return false;
+            QList<Query> batch;
+            while (auto q = query(0))
+                batch.append(*q);
+            if (reverse)
+                std::reverse(batch.begin(), batch.end());
+            for (const Query &q : batch) {
+                const QByteArray &data = contents.value(int(q.listindex()));
+                reply(q.streamid(), q.dwflags() == 1 ? QByteArray(8, '\0')
+                                                     : data.mid(qsizetype(kx::queryOffset(q)), qsizetype(q.cbrequested())));
+            }
+        }
+        return true;
+    }
+    // A whole paste: remote copy, Ctrl+V, the list, every query answered.
+    bool pasteAll(const Descriptors &list, const Contents &contents, bool reverse = false)
+    {
+        remoteCopy();
+        paste();
+        if (!next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest))
+            return false;
+        offer(list);
+        return serve(contents, reverse);
+    }
+    bool lastEnd(bool ok, PastedError error) const { return !ends.isEmpty() && ends.last() == std::pair(ok, error); }
+
+    QTemporaryDir root;
+    QString dest;
+    LoopbackFrameSink sink;
+    std::unique_ptr<TestAgent> agent;
+    std::unique_ptr<SocketManager> socket;
+    KXFileManager files;
+    ScriptedChooser *chooser = nullptr;
+    CountingPasteboard pasteboard;
+    std::unique_ptr<ClipBoardManager> engine;
+    QList<double> progress;
+    QStringList shownNames; // the file the progress window names, at each report
+    QList<std::pair<bool, PastedError>> ends;
+};

@@ -1,0 +1,70 @@
+#pragma once
+
+// Small things most tests need: test data, files on disk, the process's memory.
+#include <QByteArray>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QMap>
+#include <QRegularExpression>
+
+inline QByteArray hex(const char *text)
+{
+    return QByteArray::fromHex(QByteArray(text).replace(' ', ""));
+}
+
+inline QByteArray pattern(qsizetype size, int seed)
+{
+    QByteArray data(size, Qt::Uninitialized);
+    for (qsizetype i = 0; i < size; ++i)
+        data[i] = char((i * 131 + seed + i / 977) & 0xff);
+    return data;
+}
+
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+inline bool writeFile(const QString &path, const QByteArray &data)
+{
+    QDir().mkpath(path.section(QLatin1Char('/'), 0, -2));
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
+}
+
+// Every entry under a folder: "name" for a file with its size, "name/" for a folder,
+// "name -> target" for a link; a test sees anything written where it should not be.
+inline QStringList treeOf(const QString &folder)
+{
+    QStringList tree;
+    QDirIterator it(folder, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        const QString name = QDir(folder).relativeFilePath(info.filePath());
+        if (info.isSymLink())
+            tree.append(name + QStringLiteral(" -> ") + info.symLinkTarget().section(QLatin1Char('/'), -1));
+        else
+            tree.append(info.isDir() ? name + QLatin1Char('/') : name + QLatin1Char(' ') + QString::number(info.size()));
+    }
+    tree.sort();
+    return tree;
+}
+
+// Resident memory now and at its peak, in KiB; the peak can be reset to now.
+inline qint64 statusKiB(const char *field)
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    const QRegularExpression line(QStringLiteral("%1:\\s+(\\d+) kB").arg(QLatin1String(field)));
+    return line.match(QString::fromLatin1(status.readAll())).captured(1).toLongLong();
+}
+inline void resetPeakResident()
+{
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    if (clear.open(QIODevice::WriteOnly))
+        clear.write("5");
+}

@@ -1,0 +1,294 @@
+// The real socket manager and engine against an in-process agent over 127.0.0.1: the
+// connection's life, agents with faulty certificates, and a hostile agent that tries to
+// write outside the chosen folder, to exhaust our memory or to freeze us.
+#include "EngineHarness.h"
+#include "LogCapture.h"
+#include "TestCertificate.h"
+
+#include <QElapsedTimer>
+#include <QTcpServer>
+#include <QWebSocket>
+
+#include <sys/stat.h>
+
+using Attack = std::function<void(EngineHarness &)>;
+Q_DECLARE_METATYPE(Attack)
+Q_DECLARE_METATYPE(CertificateFault)
+
+namespace {
+
+struct RecordingDelegate : QObject, SocketManagerDelegate
+{
+    SocketManager *manager = nullptr;
+    int connects = 0, disconnects = 0;
+    QList<QByteArray> data;
+    QStringList texts;
+    void socketDidConnect() override { ++connects; }
+    void socketDidDisconnect() override
+    {
+        ++disconnects;
+        manager->reconnect();
+    }
+    void socketDidReceive(const QByteArray &bytes) override { data.append(bytes); }
+    void socketDidReceive(const QString &text) override { texts.append(text); }
+};
+
+// A frame header from the agent announcing a payload of `length` bytes (binary or text).
+QByteArray frameHeader(bool text, quint64 length)
+{
+    QByteArray header = QByteArray(1, char(text ? 0x81 : 0x82)) + char(127);
+    for (int shift = 56; shift >= 0; shift -= 8)
+        header += char((length >> shift) & 0xff);
+    return header;
+}
+
+// A small paste, start to end, byte for byte: the companion still works.
+bool pasteWorks(EngineHarness &h)
+{
+    const qsizetype before = h.ends.size();
+    h.agent->frames.clear();
+    return h.pasteAll({descriptor("next.txt", 5)}, {{0, "fine."}}) && h.ends.size() == before + 1
+        && h.lastEnd(true, PastedError::noError) && readFile(h.dest + "/next.txt") == "fine.";
+}
+
+bool reconnected(EngineHarness &h)
+{
+    return QTest::qWaitFor([&] { return h.agent->connections() == 2 && !h.agent->frames.isEmpty(); }, 10000)
+        && h.agent->nextFrame(0) == QByteArray(1, 0);
+}
+
+} // namespace
+
+class TestIntegration : public QObject
+{
+    Q_OBJECT
+private slots:
+    void connectionLife();
+    void errorsAndReplacedClients();
+    void certificates_data();
+    void certificates();
+    void hostileAgent_data();
+    void hostileAgent();
+};
+
+void TestIntegration::connectionLife()
+{
+    SocketManager manager;
+    RecordingDelegate delegate;
+    delegate.manager = &manager;
+    manager.setDelegate(&delegate);
+    bool written = false;
+    manager.write(hex("00"), [&] { written = true; });
+    QCOMPARE(manager.websoketStatus(), WebsoketStatus::create);
+
+    TestAgent agent;
+    LogCapture log;
+    manager.connect(agent.ip() + ":" + agent.port() + "/tok");
+    QCOMPARE(manager.websoketStatus(), WebsoketStatus::connecting);
+    QTRY_COMPARE(delegate.connects, 1);
+    QVERIFY(!written && manager.isConnected() && log.contains("websocket is connected: [:]"));
+    manager.write(hex("0a 00 01"), [&] { written = true; });
+    QCOMPARE(agent.nextFrame(5000), hex("0a 00 01"));
+    QTRY_VERIFY(written);
+
+    // A list of 100,000 files with long names is one message well under 64 MiB; it
+    // arrives whole. A text message is logged cut to its first 4096 characters.
+    FileSDK::MacCliprdrFormatDataResponse list;
+    for (int i = 0; i < 100000; ++i)
+        *list.add_filedes() = descriptor(QString(200, QChar(0x6587)) + QString::number(i), 1ull << 40, 0x80, ~0ull);
+    const QByteArray big = kx::encodeFrame(list, FrameType::formatDataResponse);
+    QVERIFY(big.size() > 60'000'000 && big.size() < 64 * 1024 * 1024);
+    agent.send(big);
+    agent.sendText(QString(5000, 'x'));
+    QTRY_COMPARE_WITH_TIMEOUT(delegate.texts.size(), 1, 20000);
+    QVERIFY(delegate.data == QList<QByteArray>{big});
+    QVERIFY(log.contains("websocket is Received data: " + QString::number(big.size())));
+    QVERIFY(log.contains("websocket is Received text: " + QString(4096, 'x') + "… (5000 characters in all)"));
+
+    // A loss: the reconnection two seconds later, one only however often it is asked for.
+    agent.closeClient();
+    QTRY_VERIFY(delegate.disconnects >= 1);
+    QElapsedTimer clock;
+    clock.start();
+    manager.reconnect();
+    QVERIFY(log.count("重连中无需再次重连") >= 1);
+    QTRY_COMPARE_WITH_TIMEOUT(delegate.connects, 2, 10000);
+    QVERIFY2(clock.elapsed() > 1800, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(log.count("再次重连self.urlStr:" + agent.ip() + ":" + agent.port() + "/tok"), 1);
+    QCOMPARE(agent.connections(), 2);
+
+    agent.closeClient(); // and a graceful close is logged with its reason and code
+    QTRY_COMPARE_WITH_TIMEOUT(delegate.connects, 3, 10000);
+    QTRY_VERIFY(agent.hasClient());
+    log.clear();
+    agent.closeGracefully("bye");
+    QTRY_VERIFY(log.contains("websocket is disconnected: bye with code: 1000"));
+}
+
+void TestIntegration::errorsAndReplacedClients()
+{
+    SocketManager manager;
+    RecordingDelegate delegate;
+    delegate.manager = &manager;
+    manager.setDelegate(&delegate);
+    LogCapture log;
+    quint16 closedPort = 0;
+    {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost);
+        closedPort = probe.serverPort();
+    }
+    manager.connect(QStringLiteral("ws://127.0.0.1:%1/tok").arg(closedPort));
+    QTRY_COMPARE(delegate.disconnects, 2); // an error reports the loss twice, as an agent expects
+    QVERIFY(log.containsPrefix("websocket encountered an error: "));
+    QCOMPARE(log.count("重连中无需再次重连"), 1);
+
+    TestAgent first, second;
+    manager.connect(first.ip() + ":" + first.port() + "/tok");
+    QTRY_VERIFY(first.hasClient() && manager.isConnected());
+    QPointer<QWebSocket> old = manager.socket();
+    manager.connect(second.ip() + ":" + second.port() + "/tok");
+    QTRY_VERIFY(second.hasClient() && !first.hasClient() && !old);
+    QCOMPARE(delegate.disconnects, 2); // the replaced client's end is not the new one's
+    QWebSocket *current = manager.socket();
+    manager.connect("ws://bad host:port/x y");
+    QCOMPARE(manager.socket(), current);
+    QCOMPARE(manager.websoketStatus(), WebsoketStatus::connected);
+}
+
+// An agent's certificate is its own, and its clock may not be ours: every fault is
+// accepted, and named once in the log.
+void TestIntegration::certificates_data()
+{
+    QTest::addColumn<CertificateFault>("fault");
+    QTest::addColumn<QString>("named");
+    QTest::newRow("self-signed") << CertificateFault::selfSigned << "self-signed";
+    QTest::newRow("expired") << CertificateFault::expired << "expired";
+    QTest::newRow("not yet valid") << CertificateFault::notYetValid << "not yet valid";
+    QTest::newRow("another host") << CertificateFault::otherHost << "host name";
+    QTest::newRow("unknown issuer") << CertificateFault::unknownIssuer << "issuer";
+}
+
+void TestIntegration::certificates()
+{
+    QFETCH(CertificateFault, fault);
+    QFETCH(QString, named);
+    const auto tls = makeCertificate(fault);
+    QVERIFY2(tls, "openssl could not make the certificate");
+    LogCapture log;
+    EngineHarness h(1, EngineHarness::Link::wss, tls);
+    QCOMPARE(h.nextFrame(15000), hex("00"));
+    const QStringList accepted = log.lines().filter("accepting the agent's certificate despite:");
+    QCOMPARE(accepted.size(), 1);
+    QVERIFY2(accepted.first().contains(named), qPrintable(accepted.first()));
+    QVERIFY(pasteWorks(h));
+}
+
+// One row per attack. Each states what the chosen folder and the folder beside it hold
+// afterwards, the memory the attack may cost where memory is the point, and then a
+// normal paste must still work.
+void TestIntegration::hostileAgent_data()
+{
+    QTest::addColumn<Attack>("attack");
+    QTest::addColumn<QStringList>("inside");  // the chosen folder afterwards
+    QTest::addColumn<QStringList>("outside"); // the folder beside it afterwards
+    QTest::addColumn<int>("peakMiB");         // resident memory it may add; 0: not measured
+
+    const auto paste = [](EngineHarness &h, const Descriptors &list) {
+        h.remoteCopy();
+        h.paste();
+        QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+        h.offer(list);
+    };
+    const auto servedFile = [](EngineHarness &h, QByteArray contents, qint64 size) {
+        QVERIFY(writeFile(h.root.filePath("local/served"), contents) && QFile::resize(h.root.filePath("local/served"), size));
+        h.engine->copiedFiles({QUrl::fromLocalFile(h.root.filePath("local"))});
+        QVERIFY(h.next<FileSDK::CliprdrFormatList>(FrameType::formatList));
+        h.send(hex("03"));
+        QVERIFY(h.next<FileSDK::MacCliprdrFormatDataResponse>(FrameType::formatDataResponse));
+    };
+    const QStringList link{"photos -> outside"}, outside{".bashrc 4"};
+    QTest::newRow("through a link to a folder outside") << Attack([=](EngineHarness &h) {
+        paste(h, {descriptor("photos", 0, 0x10), descriptor("photos\\.bashrc", 5)});
+        QVERIFY(h.serve({{1, "evil!"}}) && h.lastEnd(false, PastedError::saveError));
+    }) << link << outside << 0;
+    QTest::newRow("new folders through it") << Attack([=](EngineHarness &h) {
+        paste(h, {descriptor("photos\\new\\x", 5)});
+        QVERIFY(h.serve({{0, "evil!"}}) && h.lastEnd(false, PastedError::saveError));
+    }) << link << outside << 0;
+    QTest::newRow("a reply far past the announced size") << Attack([=](EngineHarness &h) {
+        paste(h, {descriptor("ten.txt", 10)});
+        auto q = h.query();
+        h.reply(q->streamid(), QByteArray(8, 0));
+        q = h.query();
+        h.reply(q->streamid(), QByteArray(48 << 20, 'x'));
+        QTRY_VERIFY(h.lastEnd(false, PastedError::unKonwnError));
+    }) << (link + QStringList{"ten.txt 0"}) << outside << 0;
+    for (bool text : {false, true})
+        QTest::addRow("a %s message of 1.9 GiB", text ? "text" : "binary") << Attack([=](EngineHarness &h) {
+            h.agent->sendRaw(frameHeader(text, 0x78000000) + QByteArray(1 << 20, 'x'));
+            QVERIFY(reconnected(h));
+        }) << link << outside << 16;
+    QTest::newRow("40 queries of 2 GiB, never read") << Attack([=](EngineHarness &h) {
+        servedFile(h, {}, 100 << 20);
+        LogCapture log;
+        h.agent->stopReading();
+        for (std::uint32_t i = 0; i < 40; ++i)
+            h.send(kx::makeContentsQuery(i, 1, 2, 0, 0x80000000u), FrameType::fileContentsRequest);
+        QTRY_COMPARE(log.lines().filter("websocket is Received data:").size(), 40);
+        QCOMPARE(log.count("contentRequest.cbRequested:2147483648"), 1); // the rest wait
+        h.agent->closeClient();
+        QVERIFY(reconnected(h));
+    }) << link << outside << 200;
+    QTest::newRow("more than 10,000 queries waiting") << Attack([=](EngineHarness &h) {
+        servedFile(h, {}, 100 << 20);
+        h.agent->stopReading();
+        for (std::uint32_t i = 0; i <= 10001; ++i)
+            h.send(kx::makeContentsQuery(i, 1, 2, 0, 0x80000000u), FrameType::fileContentsRequest);
+        QVERIFY(reconnected(h)); // dropped by the companion
+    }) << link << outside << 200;
+    QTest::newRow("a FIFO where a served file was") << Attack([=](EngineHarness &h) {
+        QVERIFY(QDir().mkpath(h.root.filePath("local")) && ::mkfifo(QFile::encodeName(h.root.filePath("local/pipe")).constData(), 0600) == 0);
+        servedFile(h, "served", 6);
+        QVERIFY(QFile::remove(h.root.filePath("local/served"))
+                && ::mkfifo(QFile::encodeName(h.root.filePath("local/served")).constData(), 0600) == 0);
+        h.send(kx::makeContentsQuery(7, 1, 2, 0, 6), FrameType::fileContentsRequest);
+        const auto answer = h.next<FileSDK::CliprdrFileContentsResponse>(FrameType::fileContentsResponse);
+        QVERIFY(answer && answer->header().msgflags() == 2 && answer->requesteddata().empty());
+    }) << link << outside << 0;
+    QTest::newRow("a name of 32,000 components") << Attack([=](EngineHarness &h) {
+        QElapsedTimer clock;
+        clock.start();
+        paste(h, {descriptor(QString("a\\").repeated(32000) + "x", 4)});
+        QTRY_VERIFY(h.lastEnd(false, PastedError::saveError));
+        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+    }) << link << outside << 0;
+}
+
+void TestIntegration::hostileAgent()
+{
+    QFETCH(Attack, attack);
+    QFETCH(QStringList, inside);
+    QFETCH(QStringList, outside);
+    QFETCH(int, peakMiB);
+    EngineHarness h(1, EngineHarness::Link::ws);
+    QCOMPARE(h.nextFrame(), hex("00"));
+    QVERIFY(writeFile(h.root.filePath("inner/outside/.bashrc"), "mine"));
+    QVERIFY(QFile::link(h.root.filePath("inner/outside"), h.dest + "/photos"));
+    resetPeakResident();
+    const qint64 before = statusKiB("VmRSS");
+    attack(h);
+    if (QTest::currentTestFailed())
+        return;
+    const qint64 added = (statusKiB("VmHWM") - before) / 1024;
+    qInfo("the attack added at most %lld MiB of resident memory", added);
+#if !defined(__SANITIZE_ADDRESS__) // the sanitizer's quarantine keeps freed memory resident
+    QVERIFY2(peakMiB == 0 || added < peakMiB, qPrintable(QString("%1 MiB").arg(added)));
+#endif
+    QCOMPARE(treeOf(h.dest), inside);
+    QCOMPARE(treeOf(h.root.filePath("inner/outside")), outside);
+    QVERIFY(pasteWorks(h));
+}
+
+QTEST_GUILESS_MAIN(TestIntegration)
+#include "tst_integration.moc"
