@@ -219,9 +219,9 @@ void TestIntegration::hostileAgent_data()
     QTest::newRow("a reply far past the announced size") << Attack([=](EngineHarness &h) {
         paste(h, {descriptor("ten.txt", 10)});
         auto q = h.query();
-        h.reply(q->streamid(), QByteArray(8, 0));
+        h.reply(q.streamid(), QByteArray(8, 0));
         q = h.query();
-        h.reply(q->streamid(), QByteArray(48 << 20, 'x'));
+        h.reply(q.streamid(), QByteArray(48 << 20, 'x'));
         QTRY_VERIFY(h.lastEnd(false, PastedError::unKonwnError));
     }) << (link + QStringList{"ten.txt 0"}) << outside << 0;
     for (bool text : {false, true})

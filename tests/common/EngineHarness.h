@@ -139,19 +139,27 @@ public:
             return std::nullopt;
         return kx::parseMessage<Message>(frame->first(frame->size() - 1));
     }
-    std::optional<Query> query(int timeoutMs = 5000) { return next<Query>(FrameType::fileContentsRequest, timeoutMs); }
+    std::optional<Query> nextQuery(int timeoutMs = 5000) { return next<Query>(FrameType::fileContentsRequest, timeoutMs); }
+    // The next query, which must come: a test fails without one.
+    Query query(int timeoutMs = 5000)
+    {
+        const auto q = nextQuery(timeoutMs);
+        if (!q)
+            QTest::qFail("no file-contents query came", __FILE__, __LINE__);
+        return q.value_or(Query());
+    }
 
     // Answers every query as the remote side would, from the contents by list index,
     // until the paste ends; with reverse, each batch of queries is answered last first.
-    bool serve(const Contents &contents, bool reverse = false)
+    bool serve(const Contents &contents, bool reverse = false, qsizetype before = -1)
     {
-        const qsizetype before = ends.size();
+        before = before < 0 ? ends.size() : before;
         const auto sentSome = [&] { return agent ? !agent->frames.isEmpty() : !sink.sent.isEmpty(); };
         while (ends.size() == before) {
             if (!QTest::qWaitFor([&] { return sentSome() || ends.size() > before; }, 10000))
                 return false;
             QList<Query> batch;
-            while (auto q = query(0))
+            while (auto q = nextQuery(0))
                 batch.append(*q);
             if (reverse)
                 std::reverse(batch.begin(), batch.end());
@@ -166,12 +174,13 @@ public:
     // A whole paste: remote copy, Ctrl+V, the list, every query answered.
     bool pasteAll(const Descriptors &list, const Contents &contents, bool reverse = false)
     {
+        const qsizetype before = ends.size();
         remoteCopy();
         paste();
         if (!next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest))
             return false;
         offer(list);
-        return serve(contents, reverse);
+        return serve(contents, reverse, before);
     }
     bool lastEnd(bool ok, PastedError error) const { return !ends.isEmpty() && ends.last() == std::pair(ok, error); }
 
