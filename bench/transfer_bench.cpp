@@ -95,13 +95,15 @@ QString mbps(qint64 bytes, qint64 ms)
 
 FixedChooser *chooser = nullptr;
 
-// One paste of everything in the offered folder; milliseconds from Ctrl+V to the end.
-qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
+// One paste of everything in the offered folder, with this many queries outstanding;
+// milliseconds from Ctrl+V to the end.
+qint64 paste(const QString &offer, const QString &dest, int rttMs = 0, int window = 1)
 {
     AgentProcess agent({"--offer", offer, "--rtt-ms", QString::number(rttMs)});
     QDir().mkpath(dest);
     chooser->folder = dest;
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"), EngineContext::shared(noPasteboard));
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
+                            EngineContext::shared(noPasteboard), window);
     if (!runUntil([&] { return engine.hasFormList(); }, 20000))
         qFatal("no offer arrived");
     std::optional<PastedError> result;
@@ -117,7 +119,8 @@ qint64 paste(const QString &offer, const QString &dest, int rttMs = 0)
 qint64 serve(const QList<QUrl> &urls, const QString &inbox)
 {
     AgentProcess agent({"--inbox", inbox});
-    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"), EngineContext::shared(noPasteboard));
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
+                            EngineContext::shared(noPasteboard));
     if (!agent.waitFor(QStringLiteral("client type frame received"), 1, 20000))
         qFatal("the companion did not connect");
     QElapsedTimer timer;
@@ -148,79 +151,139 @@ qint64 copyWithCp(const QString &from, const QString &to)
 
 using PathOf = std::function<QString(const QString &)>;
 
+qint64 median(QList<qint64> v)
+{
+    std::sort(v.begin(), v.end());
+    return v.at(v.size() / 2);
+}
+
 // One big file each way, next to cp of the same file on the same disk. Each timing runs
 // from a clean page cache state to the bytes being on the disk (sync included), so a
 // transfer and cp are compared on the same terms; the source file is read warm by all.
 // The virtual disk's write-back speed swings from one minute to the next, so each
-// direction takes the median of three rounds, each round a cp and a transfer back to back.
+// figure is the median of three rounds, each round cp and the transfers back to back.
 void bigFile(const PathOf &path, qint64 bigSize)
 {
     writeRandom(path("offer-big/big.bin"), bigSize);
-    const auto median = [](QList<qint64> v) {
-        std::sort(v.begin(), v.end());
-        return v.at(v.size() / 2);
-    };
-    const auto rounds = [&](const QString &name, const std::function<qint64()> &transfer) {
-        QList<qint64> cpMs, ms;
+    struct Way
+    {
+        QString name;
+        std::function<qint64()> transfer;
+        QList<qint64> ms;
         double peak = 0;
-        for (int round = 0; round < 3; ++round) {
-            cpMs.append(copyWithCp(path("offer-big/big.bin"), path("cp-copy.bin")));
-            QFile::remove(path("cp-copy.bin"));
+    };
+    QList<Way> ways{{QStringLiteral("paste"), [&] { return paste(path("offer-big"), path("dest")); }, {}},
+                    {QStringLiteral("paste, window 4"), [&] { return paste(path("offer-big"), path("dest"), 0, 4); }, {}},
+                    {QStringLiteral("copy (served)"),
+                     [&] { return serve({QUrl::fromLocalFile(path("offer-big/big.bin"))}, path("inbox")); }, {}}};
+    QList<qint64> cpMs;
+    for (int round = 0; round < 3; ++round) {
+        cpMs.append(copyWithCp(path("offer-big/big.bin"), path("cp-copy.bin")));
+        QFile::remove(path("cp-copy.bin"));
+        for (Way &way : ways) {
             syncDisk();
             resetPeakResident();
-            ms.append(transfer() + syncDisk());
-            peak = std::max(peak, peakResidentMiB());
+            way.ms.append(way.transfer() + syncDisk());
+            way.peak = std::max(way.peak, peakResidentMiB());
             QDir(path("dest")).removeRecursively();
             QDir(path("inbox")).removeRecursively();
         }
-        const qint64 cp = median(cpMs), own = median(ms);
-        row(QStringLiteral("%1 of one %2 MiB file").arg(name).arg(bigSize >> 20), mbps(bigSize, own),
-            QStringLiteral("cp: %1, ratio %2").arg(mbps(bigSize, cp)).arg(double(cp) / double(own), 0, 'f', 2));
-        row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(peak, 0, 'f', 1));
-    };
-    rounds(QStringLiteral("paste"), [&] { return paste(path("offer-big"), path("dest")); });
-    rounds(QStringLiteral("copy (served)"),
-           [&] { return serve({QUrl::fromLocalFile(path("offer-big/big.bin"))}, path("inbox")); });
+    }
+    const qint64 cp = median(cpMs), oneAtATime = median(ways.first().ms);
+    for (const Way &way : ways) {
+        const qint64 own = median(way.ms);
+        QString reference = QStringLiteral("cp: %1, ratio %2").arg(mbps(bigSize, cp)).arg(double(cp) / double(own), 0, 'f', 2);
+        if (way.name.contains(QLatin1String("window")))
+            reference += QStringLiteral("; %1 times window 1").arg(double(oneAtATime) / double(own), 0, 'f', 2);
+        row(QStringLiteral("%1 of one %2 MiB file").arg(way.name).arg(bigSize >> 20), mbps(bigSize, own), reference);
+        row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(way.peak, 0, 'f', 1));
+    }
     QDir(path("offer-big")).removeRecursively();
 }
 
-// Many small files: growth from N to 2N files should be linear.
+// Many small files: growth from N to 2N files should be linear; the window lets the
+// next files' queries go out while earlier ones are answered.
 void manyFiles(const PathOf &path, int few)
 {
     const int many = 2 * few;
     makeManyFiles(path("offer-few/tree"), few);
     makeManyFiles(path("offer-many/tree"), many);
-    // Each timing starts with nothing left to write back, so no run pays for another's files.
+    const auto rate = [](int files, qint64 ms) { return QStringLiteral("%1 files/s").arg(files * 1000 / std::max<qint64>(ms, 1)); };
+    // What this file system allows at all: cp of the same tree, timed the same way.
     syncDisk();
-    const qint64 pasteFew = paste(path("offer-few"), path("dest-few"));
-    syncDisk();
-    resetPeakResident();
-    const qint64 pasteMany = paste(path("offer-many"), path("dest-many"));
-    const double pastePeak = peakResidentMiB();
-    row(QStringLiteral("paste of %1 files of 4 KiB").arg(few), QStringLiteral("%1 files/s").arg(few * 1000 / std::max<qint64>(pasteFew, 1)));
-    row(QStringLiteral("paste of %1 files of 4 KiB").arg(many), QStringLiteral("%1 files/s").arg(many * 1000 / std::max<qint64>(pasteMany, 1)),
-        QStringLiteral("time ratio to %1 files: %2").arg(few).arg(double(pasteMany) / double(pasteFew), 0, 'f', 2));
-    row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(pastePeak, 0, 'f', 1));
+    QElapsedTimer clock;
+    clock.start();
+    QProcess::execute(QStringLiteral("cp"), {QStringLiteral("-r"), path("offer-many/tree"), path("cp-many")});
+    const qint64 cpMany = clock.elapsed() + syncDisk();
+    row(QStringLiteral("cp -r of %1 files of 4 KiB").arg(many), rate(many, cpMany), QStringLiteral("the file system's own rate"));
+    for (int window : {1, 8}) {
+        // Each timing starts with nothing left to write back, so no run pays for another's files.
+        const QString suffix = window > 1 ? QStringLiteral(", window %1").arg(window) : QString();
+        // Each into a folder of its own: files deleted just before slow down the making of
+        // new ones on ext4, which would be measured instead of the transfer.
+        const QString w = QString::number(window);
+        syncDisk();
+        const qint64 pasteFew = paste(path("offer-few"), path("dest-few-" + w), 0, window);
+        syncDisk();
+        resetPeakResident();
+        const qint64 pasteMany = paste(path("offer-many"), path("dest-many-" + w), 0, window);
+        const double pastePeak = peakResidentMiB();
+        row(QStringLiteral("paste of %1 files of 4 KiB%2").arg(few).arg(suffix), rate(few, pasteFew));
+        row(QStringLiteral("paste of %1 files of 4 KiB%2").arg(many).arg(suffix), rate(many, pasteMany),
+            QStringLiteral("time ratio to %1 files: %2").arg(few).arg(double(pasteMany) / double(pasteFew), 0, 'f', 2));
+        row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(pastePeak, 0, 'f', 1));
+    }
     syncDisk();
     const qint64 serveFew = serve({QUrl::fromLocalFile(path("offer-few/tree"))}, path("inbox-few"));
     syncDisk();
     resetPeakResident();
     const qint64 serveMany = serve({QUrl::fromLocalFile(path("offer-many/tree"))}, path("inbox-many"));
     const double servePeak = peakResidentMiB();
-    row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(few), QStringLiteral("%1 files/s").arg(few * 1000 / std::max<qint64>(serveFew, 1)));
-    row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(many), QStringLiteral("%1 files/s").arg(many * 1000 / std::max<qint64>(serveMany, 1)),
+    row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(few), rate(few, serveFew));
+    row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(many), rate(many, serveMany),
         QStringLiteral("time ratio to %1 files: %2").arg(few).arg(double(serveMany) / double(serveFew), 0, 'f', 2));
     row(QStringLiteral("  peak resident memory"), QStringLiteral("%1 MiB").arg(servePeak, 0, 'f', 1));
 }
 
-// A far remote desktop: one range per round trip bounds the rate.
+// A far remote desktop: one range per round trip bounds the rate of the one-at-a-time
+// exchange; a window of N ranges per round trip lifts the bound N times.
 void farDesktop(const PathOf &path, qint64 size)
 {
     writeRandom(path("offer-rtt/far.bin"), size);
-    const qint64 ms = paste(path("offer-rtt"), path("dest-rtt"), 20);
-    const double bound = 262144.0 / 1048576.0 / 0.020;
-    row(QStringLiteral("paste of %1 MiB with a 20 ms round trip").arg(size >> 20), mbps(size, ms),
-        QStringLiteral("bound of one range per round trip: %1 MiB/s").arg(bound, 0, 'f', 1));
+    for (int window : {1, 8, 16}) {
+        resetPeakResident();
+        const qint64 ms = paste(path("offer-rtt"), path("dest-rtt"), 20, window);
+        QDir(path("dest-rtt")).removeRecursively();
+        const double bound = window * 262144.0 / 1048576.0 / 0.020;
+        row(QStringLiteral("paste of %1 MiB, 20 ms round trip, window %2").arg(size >> 20).arg(window), mbps(size, ms),
+            QStringLiteral("bound of %1 ranges per round trip: %2 MiB/s; peak %3 MiB")
+                .arg(window).arg(bound, 0, 'f', 1).arg(peakResidentMiB(), 0, 'f', 1));
+    }
+}
+
+// Paste throughput against the round trip for several windows, as rows and, when
+// KX_BENCH_CURVE names a file, as a table for scripts/plot-window to draw.
+void curve(const PathOf &path, qint64 size)
+{
+    writeRandom(path("offer-curve/c.bin"), size);
+    QFile data(qEnvironmentVariable("KX_BENCH_CURVE"));
+    const bool keep = !data.fileName().isEmpty() && data.open(QIODevice::WriteOnly | QIODevice::Text);
+    if (keep)
+        data.write("# round trip (ms), then MiB/s for windows 1 4 8 16\n");
+    for (int rtt : {0, 5, 20, 50}) {
+        QStringList line{QString::number(rtt)};
+        for (int window : {1, 4, 8, 16}) {
+            // Slow combinations move less, so that each takes a few seconds at most.
+            const qint64 bytes = rtt && window < 4 ? size / 4 : size;
+            QFile::resize(path("offer-curve/c.bin"), bytes);
+            const qint64 ms = paste(path("offer-curve"), path("dest-curve"), rtt, window);
+            QDir(path("dest-curve")).removeRecursively();
+            line.append(QString::number(double(bytes) / 1048576.0 / (double(std::max<qint64>(ms, 1)) / 1000.0), 'f', 1));
+            row(QStringLiteral("paste, %1 ms round trip, window %2").arg(rtt).arg(window), mbps(bytes, ms));
+        }
+        if (keep)
+            data.write(line.join(QLatin1Char(' ')).toUtf8() + '\n');
+    }
 }
 
 } // namespace
@@ -236,12 +299,14 @@ int main(int argc, char *argv[])
         qFatal("cannot set the log output aside");
     kx::installStdoutLogHandler();
     const double scale = qEnvironmentVariableIsSet("KX_BENCH_SCALE") ? qEnvironmentVariable("KX_BENCH_SCALE").toDouble() : 1.0;
-    // KX_BENCH_ONLY=big|files|rtt runs one group, e.g. under a profiler.
+    // KX_BENCH_ONLY=big|files|rtt|curve runs one group, e.g. under a profiler.
     const QString only = qEnvironmentVariable("KX_BENCH_ONLY");
     auto runs = [&](const char *group) { return only.isEmpty() || only == QLatin1String(group); };
-    QTemporaryDir dir(QDir::currentPath() + QStringLiteral("/bench-XXXXXX"));
+    // KX_BENCH_DIR puts the files elsewhere, e.g. on a tmpfs to see past the disk.
+    QTemporaryDir dir((qEnvironmentVariableIsSet("KX_BENCH_DIR") ? qEnvironmentVariable("KX_BENCH_DIR") : QDir::currentPath())
+                      + QStringLiteral("/bench-XXXXXX"));
     const PathOf path = [&](const QString &name) { return dir.filePath(name); };
-    for (const char *folder : {"offer-big", "dest", "inbox", "local", "offer-few", "offer-many", "offer-rtt"})
+    for (const char *folder : {"offer-big", "dest", "inbox", "local", "offer-few", "offer-many", "offer-rtt", "offer-curve"})
         QDir().mkpath(path(folder));
     auto *owned = new FixedChooser;
     chooser = owned;
@@ -253,6 +318,8 @@ int main(int argc, char *argv[])
     if (runs("files"))
         manyFiles(path, int(10000 * scale));
     if (runs("rtt"))
-        farDesktop(path, qint64(64.0 * 1024 * 1024 * std::min(1.0, scale * 4)));
+        farDesktop(path, qint64(256.0 * 1024 * 1024 * std::min(1.0, scale * 4)));
+    if (runs("curve"))
+        curve(path, qint64(256.0 * 1024 * 1024 * std::min(1.0, scale * 4)));
     return 0;
 }

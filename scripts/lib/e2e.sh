@@ -45,9 +45,10 @@ start_agent() {
 }
 agent() { printf '%s\n' "$1" >&"$agent_in"; }
 
-# start_app: the companion, connected to the agent.
+# start_app: the companion, connected to the agent; KX_APP_ARGS are added (window,N).
 start_app() {
-  "$bin/src/app/kx-clipboard" "ip,ws://127.0.0.1" "port,$port" "token,e2e" "cid,1" > "$work/app.log" 2>&1 & pids+=($!)
+  # shellcheck disable=SC2086
+  "$bin/src/app/kx-clipboard" "ip,ws://127.0.0.1" "port,$port" "token,e2e" "cid,1" ${KX_APP_ARGS:-} > "$work/app.log" 2>&1 & pids+=($!)
   wait_for 15 "$work/app.log" "send clienType success" || fail "the companion did not connect"
 }
 
