@@ -1,4 +1,5 @@
 #include "AppDelegate.h"
+#include "DesktopLog.h"
 #include "FrameAllocator.h"
 #include "LinuxPlatform.h"
 #include "LogOutput.h"
@@ -6,26 +7,24 @@
 
 #include <QApplication>
 
-#include <cstdio>
-
 int main(int argc, char *argv[])
 {
     kx::keepFrameBuffersMapped();
     kx::installStdoutLogHandler();
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
-        && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-        // Without a display there is no clipboard or keyboard to watch, but the process
-        // still connects and serves; it must not die in the toolkit's start-up.
-        std::printf("No graphical display found: the clipboard and Ctrl+V cannot be watched.\n");
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    }
+    // Under Wayland the desktop side runs through XWayland where there is one: there a
+    // copy made in any application is still seen. Without a display at all the process
+    // still connects and serves; it must not die in the toolkit's start-up.
+    const DesktopSession session = DesktopSession::detect();
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", session.qtPlatform());
     QApplication app(argc, argv);
+    qCInfo(lcDesktop).noquote() << session.description();
     // A background agent: closing the progress window, the chooser or an alert must
     // never end it; it ends when the host application is gone.
     app.setQuitOnLastWindowClosed(false);
     AppDelegate delegate;
 
-    Platform platform = makeLinuxPlatform();
+    Platform platform = makeLinuxPlatform(session);
     installQtFolderChooser();
     ViewController window(platform, EngineContext::shared(*platform.pasteboard), QStringLiteral(KX_HOST_APP_ID));
     window.show();

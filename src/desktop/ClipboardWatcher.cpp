@@ -50,6 +50,17 @@ void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &por
         if (self)
             self->handleKeyDown(event);
     });
+    // Where keys cannot be watched, a notification or a tray item offers the same paste.
+    for (const auto &trigger : m_platform.pasteTriggers) {
+        PasteTrigger *way = trigger.get();
+        connect(m_clipManager.get(), &ClipBoardManager::filesOffered, this, [way](bool offered) { way->setOffered(offered); });
+        way->onPaste([self] {
+            if (!self)
+                return;
+            qCInfo(lcDesktop).noquote() << "Paste… chosen";
+            self->paste();
+        });
+    }
     checkAccessibility();
 }
 
@@ -79,6 +90,12 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
     if (!event.command || event.charactersIgnoringModifiers != QLatin1String("v"))
         return;
     qCInfo(lcDesktop).noquote() << "Command + V 按下";
+    paste();
+}
+
+// The paste of whatever the remote side announced, with the shell's callbacks wrapped.
+void ClipboardWatcher::paste()
+{
     ProgressCallback progress = m_progress;
     CompletionCallback completion = m_completion;
     m_clipManager->startPaste(
@@ -104,7 +121,9 @@ void ClipboardWatcher::checkAccessibility()
     const QString missing = m_platform.accessibility->missingCapability();
     if (!missing.isEmpty())
         qCInfo(lcDesktop).noquote() << missing;
-    createEventTap();
+    // Asking for a permission nobody can grant only gets in the way.
+    if (m_platform.accessibility->canBeGranted())
+        createEventTap();
 }
 
 void ClipboardWatcher::createEventTap()

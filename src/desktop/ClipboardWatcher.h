@@ -32,6 +32,7 @@ public:
 
     void checkPasteboard();
     void handleKeyDown(const KeyEvent &event);
+    void paste();
     void checkAccessibility();
     void createEventTap();
     void showAccessibilityAlert();

@@ -73,7 +73,7 @@ void ClipBoardManager::socketDidDisconnect()
     qCInfo(lcEngine).noquote() << "wewebsoketbsoket connect fail,重连websoket";
     if (m_pasteStatus != PasteStatus::start)
         callCompletion(false, PastedError::websoketDisconnect);
-    m_formList.reset();
+    setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
     m_context.connection.reconnect();
     // The transfer dies with the connection, whatever the status: a stray reply that
@@ -127,13 +127,29 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
 {
     m_context.pasteboard.clearContents();
     m_pasteStatus = PasteStatus::start;
-    m_formList = kx::parseMessage<FileSDK::CliprdrFormatList>(payload);
+    setFormList(kx::parseMessage<FileSDK::CliprdrFormatList>(payload));
     qCInfo(lcEngine).noquote() << "windwos 按下 ctrol+ c handleFormListRespose";
+}
+
+// Whether files are on offer for a paste: a remote copy with the file list format, and
+// no paste of it started yet. A newer copy replaces the older.
+void ClipBoardManager::setFormList(std::optional<FileSDK::CliprdrFormatList> list)
+{
+    m_formList = std::move(list);
+    bool offered = false;
+    if (m_formList) {
+        for (const FileSDK::CliprdrFormat &format : m_formList->formats())
+            offered = offered || format.formatname() == kx::wire::descriptorFormatName;
+    }
+    if (offered || offered != m_filesOffered) // every new copy with files is news
+        emit filesOffered(m_filesOffered = offered);
 }
 
 void ClipBoardManager::sendFormatDataRequest()
 {
     m_pasteStatus = PasteStatus::pasting;
+    if (m_filesOffered)
+        emit filesOffered(m_filesOffered = false); // the paste has started
     std::uint32_t formatId = 0;
     for (const FileSDK::CliprdrFormat &format : m_formList->formats()) {
         if (format.formatname() == kx::wire::descriptorFormatName)
@@ -175,7 +191,7 @@ void ClipBoardManager::folderChosen(const QUrl &url)
 
 void ClipBoardManager::folderChoiceCancelled()
 {
-    m_formList.reset();
+    setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
 }
 
@@ -244,7 +260,7 @@ void ClipBoardManager::finishPaste()
         m_pastedProgressCallback = nullptr;
         progress(1.0);
     }
-    m_formList.reset();
+    setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
     ++m_pasteSerial;
     callCompletion(true, PastedError::noError);
@@ -255,7 +271,7 @@ void ClipBoardManager::finishPaste()
 void ClipBoardManager::endPaste(PastedError error)
 {
     stopTransfer();
-    m_formList.reset();
+    setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
     callCompletion(false, error);
 }

@@ -57,6 +57,12 @@ public:
     std::uint64_t savedBytes() const;
     std::uint64_t totalBytes() const;
 
+signals:
+    // Files copied on the remote side can be pasted now (true), or no longer (false: a
+    // paste of them started, ended, or the copy is gone).
+    void filesOffered(bool offered);
+
+public:
     // SocketManagerDelegate
     void socketDidConnect() override;
     void socketDidDisconnect() override;
@@ -81,6 +87,7 @@ private:
     void send(const google::protobuf::MessageLite &message, FrameType type, const char *completionText);
     void callCompletion(bool success, PastedError error);
 
+    void setFormList(std::optional<FileSDK::CliprdrFormatList> list);
     void sendFormatDataRequest();
     void startDownload(const QUrl &url);
 
@@ -97,6 +104,7 @@ private:
     QString m_urlText;
 
     std::optional<FileSDK::CliprdrFormatList> m_formList;
+    bool m_filesOffered = false;
     CompletionCallback m_callback;
     ProgressCallback m_pastedProgressCallback;
     std::optional<FileSDK::MacCliprdrFormatDataResponse> m_formatDataResponse;

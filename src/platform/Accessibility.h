@@ -19,4 +19,6 @@ public:
     virtual QString missingCapability() const { return {}; }
     // The settings page where the user grants the permission; empty where there is none.
     virtual QUrl settingsUrl() const { return {}; }
+    // Whether the user could grant it at all; where not, nobody is asked.
+    virtual bool canBeGranted() const { return true; }
 };

@@ -2,20 +2,28 @@
 
 #include "KXFileManager.h"
 #include "linux/LinuxSystemServices.h"
+#include "linux/NotificationTrigger.h"
 #include "qt/QtAlerts.h"
 #include "qt/QtFolderChooser.h"
 #include "qt/QtPasteboard.h"
+#include "qt/TrayTrigger.h"
 #include "x11/X11Accessibility.h"
 #include "x11/X11KeyMonitor.h"
 
-Platform makeLinuxPlatform()
+#include <QSystemTrayIcon>
+
+Platform makeLinuxPlatform(const DesktopSession &session)
 {
     Platform platform;
-    platform.pasteboard = std::make_unique<QtPasteboard>();
+    platform.pasteboard = std::make_unique<QtPasteboard>(session.kind == DesktopSession::Kind::wayland);
     platform.keyMonitor = std::make_unique<X11KeyMonitor>();
     platform.accessibility = std::make_unique<X11Accessibility>();
     platform.alerts = std::make_unique<QtAlerts>();
     platform.services = std::make_unique<LinuxSystemServices>();
+    if (QSystemTrayIcon::isSystemTrayAvailable())
+        platform.pasteTriggers.push_back(std::make_unique<TrayTrigger>());
+    if (session.kind == DesktopSession::Kind::wayland) // Ctrl+V cannot be seen in Wayland applications
+        platform.pasteTriggers.push_back(std::make_unique<NotificationTrigger>());
     return platform;
 }
 

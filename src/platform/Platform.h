@@ -2,10 +2,12 @@
 
 #include "Accessibility.h"
 #include "KeyMonitor.h"
+#include "PasteTrigger.h"
 #include "Pasteboard.h"
 #include "SystemServices.h"
 
 #include <memory>
+#include <vector>
 
 // Every platform call of the desktop layer, behind one set of interfaces: the X11
 // backend here, a scripted one in tests.
@@ -16,4 +18,5 @@ struct Platform
     std::unique_ptr<Accessibility> accessibility;
     std::unique_ptr<Alerts> alerts;
     std::unique_ptr<SystemServices> services;
+    std::vector<std::unique_ptr<PasteTrigger>> pasteTriggers;
 };

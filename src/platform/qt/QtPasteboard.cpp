@@ -3,8 +3,26 @@
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QMimeData>
+#include <QRegularExpression>
 
-QtPasteboard::QtPasteboard()
+namespace {
+
+QList<QUrl> fileUrlsIn(const QString &text)
+{
+    QList<QUrl> urls;
+    for (const QString &line : text.split(QRegularExpression(QStringLiteral("[\r\n]+")), Qt::SkipEmptyParts)) {
+        const QUrl url(line.trimmed(), QUrl::StrictMode);
+        if (!url.isLocalFile())
+            return {};
+        urls.append(url);
+    }
+    return urls;
+}
+
+} // namespace
+
+QtPasteboard::QtPasteboard(bool fileUrisInText)
+    : m_fileUrisInText(fileUrisInText)
 {
     connect(QGuiApplication::clipboard(), &QClipboard::dataChanged, this, [this] {
         // On X11 the board empties when the application that copied quits. A pasteboard
@@ -22,7 +40,8 @@ std::optional<QList<QUrl>> QtPasteboard::readUrls() const
     const QMimeData *data = QGuiApplication::clipboard()->mimeData(QClipboard::Clipboard);
     if (!data)
         return std::nullopt;
-    return data->urls();
+    const QList<QUrl> urls = data->urls();
+    return urls.isEmpty() && m_fileUrisInText && data->hasText() ? fileUrlsIn(data->text()) : urls;
 }
 
 void QtPasteboard::clearContents()

@@ -10,11 +10,14 @@
 class QtPasteboard : public QObject, public Pasteboard
 {
 public:
-    QtPasteboard();
+    // fileUrisInText: take a text that is only lines of file URLs as those files. Under
+    // Wayland some compositors hand a file copy to X11 clients as plain text.
+    explicit QtPasteboard(bool fileUrisInText = false);
     std::int64_t changeCount() const override { return m_changeCount; }
     std::optional<QList<QUrl>> readUrls() const override;
     void clearContents() override;
 
 private:
     std::int64_t m_changeCount = 0;
+    bool m_fileUrisInText = false;
 };

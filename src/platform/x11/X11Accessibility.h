@@ -11,4 +11,6 @@ public:
     void onPermissionChanged(std::function<void()> handler) override { Q_UNUSED(handler); }
     bool createEventTap() override { return false; }
     QString missingCapability() const override;
+    // X11 either has XInput2 or not; there is nothing the user could grant.
+    bool canBeGranted() const override { return false; }
 };

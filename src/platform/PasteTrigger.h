@@ -1,0 +1,15 @@
+#pragma once
+
+#include <functional>
+
+// A way to start a paste that needs no global keys (which a Wayland session does not
+// allow): a desktop notification with a "Paste…" action, a tray menu item. Choosing it
+// runs exactly the paste that Ctrl+V runs.
+class PasteTrigger
+{
+public:
+    virtual ~PasteTrigger() = default;
+    // Files copied on the remote side can be pasted (true), or no longer (false).
+    virtual void setOffered(bool offered) = 0;
+    virtual void onPaste(std::function<void()> paste) = 0;
+};
