@@ -2,17 +2,7 @@
 // may crash it, hang it or make it write outside the chosen folder. An input is a list of
 // steps, each one byte of kind and, for a frame, two bytes of length and the frame; the
 // kind byte of the first step also chooses the window, 1 or 4.
-#include "ClipBoardManager.h"
 #include "FuzzEngine.h"
-#include "Frame.h"
-#include "KXFileManager.h"
-#include "Messages.h"
-
-#include <QCoreApplication>
-#include <QDir>
-#include <QDirIterator>
-#include <QFile>
-#include <QTemporaryDir>
 
 #include <cstdint>
 #include <cstdlib>
@@ -21,53 +11,13 @@ namespace {
 
 FuzzEngine *fuzz = nullptr;
 
-void writeSeeds(const QString &dir)
-{
-    auto frame = [](const google::protobuf::MessageLite &m, FrameType t) { return kx::encodeFrame(m, t); };
-    auto step = [](char kind, const QByteArray &bytes = {}) {
-        QByteArray out(1, kind);
-        if (kind == 0) {
-            out.append(char(bytes.size() >> 8)).append(char(bytes.size() & 0xff));
-            out.append(bytes);
-        }
-        return out;
-    };
-    FileSDK::MacCliprdrFormatDataResponse list;
-    auto *folder = list.add_filedes();
-    folder->set_dwfileattributes(0x10);
-    folder->set_cfilename("d");
-    auto *file = list.add_filedes();
-    file->set_dwfileattributes(0x80);
-    file->set_nfilesizelow(5);
-    file->set_cfilename("d\\a.txt");
-    FileSDK::CliprdrFileContentsResponse reply;
-    reply.set_cbrequested(5);
-    reply.set_requesteddata("hello");
-    FileSDK::CliprdrFileContentsRequest query;
-    query.set_dwflags(2);
-    query.set_cbrequested(100);
-    const QByteArray paste = step(0, frame(kx::makeFileFormatList(kx::makeHeader(1, 1, 1, 1)), FrameType::formatList))
-        + step(1) + step(0, frame(list, FrameType::formatDataResponse)) + step(0, frame(reply, FrameType::fileContentsResponse))
-        + step(0, frame(reply, FrameType::fileContentsResponse));
-    const QByteArray copy = step(3) + step(0, QByteArray(1, 3)) + step(0, frame(query, FrameType::fileContentsRequest));
-    const QByteArray cancel = paste.left(paste.size() / 2) + step(2) + step(0, frame(reply, FrameType::fileContentsResponse));
-    int n = 0;
-    for (const QByteArray &seed : {paste, copy, cancel, step(4) + paste}) {
-        QFile out(QStringLiteral("%1/seed-%2").arg(dir).arg(n++));
-        if (out.open(QIODevice::WriteOnly))
-            out.write(seed);
-    }
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    fuzz = startFuzzEngine(argc, argv, writeSeeds);
+    fuzz = new FuzzEngine(argc, argv);
     QDir(fuzz->root.path()).mkpath(QStringLiteral("chosen"));
-    QFile source(fuzz->root.filePath(QStringLiteral("source.txt")));
-    source.open(QIODevice::WriteOnly);
-    source.write("local file served to the remote side");
+    writeFile(fuzz->root.filePath(QStringLiteral("source.txt")), "local file served to the remote side");
     return 0;
 }
 

@@ -57,7 +57,6 @@ private:
 void TestCopy::init()
 {
     h = std::make_unique<EngineHarness>();
-    QVERIFY(h->nextFrame()); // the client type frame
     QDir().mkpath(item(""));
 }
 
@@ -96,14 +95,10 @@ void TestCopy::announceAndDescribe()
     const auto frame = h->nextFrame(0);
     QVERIFY(frame && frame->startsWith(hex("0a 06 08 01 18 01 20 01 12")) && frame->endsWith(hex("07")));
     const auto list = kx::parseMessage<FileSDK::MacCliprdrFormatDataResponse>(frame->chopped(1));
-    QCOMPARE(list->filedes_size(), 1);
-    const auto &d = list->filedes(0);
-    QCOMPARE(d.dwflags(), 0x4024u);
-    QCOMPARE(d.clsid(), std::string("{00000000-0000-0000-0000-000000000000}"));
     QCOMPARE(summary(*list), QStringList{"a.txt/ 80 0 10"});
-    QCOMPARE(d.citems(), 1u);
-    QCOMPARE(d.ftlastaccesstimelow(), d.ftlastwritetimelow());
-    QCOMPARE(d.ftlastaccesstimehigh(), d.ftlastwritetimehigh());
+    const auto &d = list->filedes(0);
+    QVERIFY(d.dwflags() == 0x4024 && d.citems() == 1 && d.clsid() == "{00000000-0000-0000-0000-000000000000}");
+    QVERIFY(d.ftlastaccesstimelow() == d.ftlastwritetimelow() && d.ftlastaccesstimehigh() == d.ftlastwritetimehigh());
     QVERIFY(d.ftlastwritetimehigh() > 30000000u && d.ftcreationtimehigh() > 30000000u); // dates of this century
     QVERIFY(log.contains("所有文件个数:1") && log.contains("send DataResponse success"));
 
@@ -153,8 +148,7 @@ void TestCopy::descriptorLists()
     for (const auto &d : list->filedes())
         QCOMPARE(d.citems(), std::uint32_t(expected.size()));
     const auto again = requestList(); // asked again, the list is made again, the same
-    QVERIFY(again);
-    QCOMPARE(summary(*again), expected);
+    QCOMPARE(again ? summary(*again) : QStringList(), expected);
 }
 
 void TestCopy::fileTimes_data()
@@ -182,9 +176,7 @@ void TestCopy::fileTimes()
         return; // the rest needs a date the file system holds
     file.close();
     copy({"t"});
-    const auto list = requestList();
-    QVERIFY(list);
-    const auto &d = list->filedes(0);
+    const auto d = requestList().value_or(FileSDK::MacCliprdrFormatDataResponse()).filedes(0);
     QCOMPARE(kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow()), expected);
     QCOMPARE(kx::joinHalves(d.ftlastaccesstimehigh(), d.ftlastaccesstimelow()), expected);
 }
@@ -272,9 +264,8 @@ void TestCopy::aPeerThatStopsReading()
     h->send(query(0, 2, 0, 100), FrameType::fileContentsRequest);
     QCOMPARE(h->sink.drops, 1);
     QVERIFY(!h->sink.connected);
-    h->sink.open();
+    h->reopen();
     h->sink.drain(0); // nothing of the old requests is left to answer
-    QCOMPARE(h->nextFrame(0), hex("00"));
     QVERIFY(!h->nextFrame(0));
 }
 
@@ -286,10 +277,7 @@ void TestCopy::servesWhilePasting()
     copy({"up.bin"});
     QVERIFY(requestList());
     const QByteArray down = pattern(700000, 6);
-    h->remoteCopy();
-    h->paste();
-    h->nextFrame();
-    h->offer({descriptor("down.bin", 700000)});
+    QVERIFY(h->pasteOf({descriptor("down.bin", 700000)}));
     auto q = h->query();
     h->reply(q.streamid(), QByteArray(8, 0));
     q = h->query();

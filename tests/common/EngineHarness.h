@@ -81,6 +81,7 @@ public:
                                                         QStringLiteral("tok"), QStringLiteral("7"),
                                                         EngineContext{sink, files, pasteboard}, window);
             sink.open();
+            sink.sent.clear(); // the client type frame; the desktop and integration tests check it
             return;
         }
         agent = std::make_unique<TestAgent>(link == Link::wss ? tls : std::nullopt);
@@ -110,6 +111,12 @@ public:
     void reply(std::uint32_t streamId, const QByteArray &data)
     {
         send(kx::makeContentsAnswer(streamId, data.toStdString()), FrameType::fileContentsResponse);
+    }
+    // The connection back after a loss (loopback), its client type frame taken.
+    void reopen()
+    {
+        sink.open();
+        sink.sent.clear();
     }
     void paste()
     {
@@ -171,16 +178,21 @@ public:
         }
         return true;
     }
-    // A whole paste: remote copy, Ctrl+V, the list, every query answered.
-    bool pasteAll(const Descriptors &list, const Contents &contents, bool reverse = false)
+    // A remote copy, Ctrl+V, and the list offered: the paste is running.
+    bool pasteOf(const Descriptors &list)
     {
-        const qsizetype before = ends.size();
         remoteCopy();
         paste();
         if (!next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest))
             return false;
         offer(list);
-        return serve(contents, reverse, before);
+        return true;
+    }
+    // A whole paste, every query answered.
+    bool pasteAll(const Descriptors &list, const Contents &contents, bool reverse = false)
+    {
+        const qsizetype before = ends.size();
+        return pasteOf(list) && serve(contents, reverse, before);
     }
     bool lastEnd(bool ok, PastedError error) const { return !ends.isEmpty() && ends.last() == std::pair(ok, error); }
 

@@ -1,26 +1,20 @@
 #include "LogCapture.h"
 
-#include <QMutex>
 #include <QtGlobal>
 
 #include <cstring>
 
 namespace {
 
-QMutex mutex;
-QStringList captured;
 QtMessageHandler previous = nullptr;
-bool echo = qEnvironmentVariableIsSet("KX_TEST_ECHO_LOG");
+const bool echo = qEnvironmentVariableIsSet("KX_TEST_ECHO_LOG");
 
 void capture(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (context.category && std::strncmp(context.category, "kx.", 3) == 0) {
-        QMutexLocker locker(&mutex);
-        captured.append(message);
-        if (!echo)
-            return;
-    }
-    if (previous)
+    const bool ours = context.category && std::strncmp(context.category, "kx.", 3) == 0;
+    if (ours)
+        LogCapture::captured.append(message);
+    if ((!ours || echo) && previous)
         previous(type, context, message);
 }
 
@@ -28,7 +22,6 @@ void capture(QtMsgType type, const QMessageLogContext &context, const QString &m
 
 LogCapture::LogCapture()
 {
-    QMutexLocker locker(&mutex);
     captured.clear();
     previous = qInstallMessageHandler(capture);
 }
@@ -38,30 +31,7 @@ LogCapture::~LogCapture()
     qInstallMessageHandler(previous);
 }
 
-QStringList LogCapture::lines() const
-{
-    QMutexLocker locker(&mutex);
-    return captured;
-}
-
-int LogCapture::count(const QString &line) const
-{
-    QMutexLocker locker(&mutex);
-    return int(captured.count(line));
-}
-
 bool LogCapture::containsPrefix(const QString &prefix) const
 {
-    QMutexLocker locker(&mutex);
-    for (const QString &line : std::as_const(captured)) {
-        if (line.startsWith(prefix))
-            return true;
-    }
-    return false;
-}
-
-void LogCapture::clear()
-{
-    QMutexLocker locker(&mutex);
-    captured.clear();
+    return std::any_of(captured.cbegin(), captured.cend(), [&](const QString &line) { return line.startsWith(prefix); });
 }

@@ -6,17 +6,17 @@
 #include <QPointer>
 #include <QSslCertificate>
 #include <QSslKey>
+#include <QTcpSocket>
+#include <QWebSocket>
 
 #include <optional>
 
 class QTcpServer;
-class QTcpSocket;
-class QWebSocket;
 class QWebSocketServer;
 
 // An in-process remote agent on 127.0.0.1 (ws, or wss with the certificate given): it
 // keeps every frame the companion sends, in order, and lets a test send what it likes,
-// down to raw bytes on the TCP stream, or stop reading as a hostile peer would.
+// down to raw bytes on the TCP stream (ws), or stop reading as a hostile peer would.
 class TestAgent : public QObject
 {
 public:
@@ -26,27 +26,28 @@ public:
         QSslKey key;
     };
     explicit TestAgent(std::optional<Tls> tls = std::nullopt);
-    ~TestAgent() override;
+    ~TestAgent() override { closeClient(); }
 
-    QString ip() const;
+    QString ip() const { return m_secure ? QStringLiteral("wss://127.0.0.1") : QStringLiteral("ws://127.0.0.1"); }
     QString port() const;
     int connections() const { return m_connections; }
-    bool hasClient() const;
+    bool hasClient() const { return m_client && m_client->state() == QAbstractSocket::ConnectedState; }
 
-    void send(const QByteArray &frame);
-    void sendText(const QString &text);
-    void sendRaw(const QByteArray &bytes); // straight onto the TCP stream, framing and all
-    void closeClient();
-    void closeGracefully(const QString &reason); // a close frame with code 1000
-    // A peer that stops reading: what the companion sends piles up on its side.
-    void stopReading();
+    void send(const QByteArray &frame) { if (m_client) m_client->sendBinaryMessage(frame); }
+    void sendText(const QString &text) { if (m_client) m_client->sendTextMessage(text); }
+    void sendRaw(const QByteArray &bytes) { if (m_transport) m_transport->write(bytes); }
+    void closeClient() { if (m_client) m_client->abort(); }
+    void closeGracefully(const QString &reason) { if (m_client) m_client->close(QWebSocketProtocol::CloseCodeNormal, reason); }
+    // The frame being read never completes in a buffer this small: nothing more is taken
+    // from the connection, and what the companion sends piles up on its side.
+    void stopReading() { if (m_transport) m_transport->setReadBufferSize(1); }
 
     std::optional<QByteArray> nextFrame(int timeoutMs);
     QList<QByteArray> frames;
 
 private:
     QWebSocketServer *m_server = nullptr;
-    QTcpServer *m_tcp = nullptr;        // ws only: the TCP side stays at hand
+    QTcpServer *m_tcp = nullptr; // ws only: the TCP side stays at hand
     QPointer<QTcpSocket> m_transport;
     QPointer<QWebSocket> m_client;
     bool m_secure = false;

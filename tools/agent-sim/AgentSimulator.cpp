@@ -9,6 +9,7 @@
 #include <QProcess>
 #include <QSslConfiguration>
 #include <QSslKey>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QWebSocket>
@@ -72,11 +73,19 @@ bool AgentSimulator::start(QString *error)
             return false;
         m_server->setSslConfiguration(configuration);
     }
-    if (!m_server->listen(QHostAddress(m_options.host), m_options.port)) {
-        *error = m_server->errorString();
+    connect(m_server, &QWebSocketServer::newConnection, this, &AgentSimulator::onConnection);
+    if (!m_options.tls) {
+        m_tcp = new QTcpServer(this);
+        connect(m_tcp, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = m_tcp->nextPendingConnection())
+                m_server->handleConnection(m_transport = socket);
+        });
+    }
+    if (m_tcp ? !m_tcp->listen(QHostAddress(m_options.host), m_options.port)
+              : !m_server->listen(QHostAddress(m_options.host), m_options.port)) {
+        *error = m_tcp ? m_tcp->errorString() : m_server->errorString();
         return false;
     }
-    connect(m_server, &QWebSocketServer::newConnection, this, &AgentSimulator::onConnection);
     if (!m_options.offerDir.isEmpty() || !m_options.extraNames.isEmpty())
         buildOffer();
     say(QStringLiteral("listening on %1://%2:%3").arg(m_options.tls ? "wss" : "ws", m_options.host).arg(port()));
@@ -85,7 +94,7 @@ bool AgentSimulator::start(QString *error)
 
 quint16 AgentSimulator::port() const
 {
-    return m_server ? m_server->serverPort() : 0;
+    return m_tcp ? m_tcp->serverPort() : m_server ? m_server->serverPort() : 0;
 }
 
 void AgentSimulator::buildOffer()
@@ -194,6 +203,7 @@ void AgentSimulator::onFrame(const QByteArray &frame)
     case FrameType::clientType:
         say(QStringLiteral("client type frame received"));
         sendFormatList();
+        attackOnConnect();
         break;
     case FrameType::formatDataRequest:
         if (auto request = kx::parseMessage<FileSDK::CliprdrFormatDataRequest>(received->payload))
@@ -234,6 +244,8 @@ void AgentSimulator::answerDescriptorRequest(const FileSDK::CliprdrFormatDataReq
 
 void AgentSimulator::answerContents(const FileSDK::CliprdrFileContentsRequest &request)
 {
+    if (attackOnContents(request))
+        return;
     FileSDK::CliprdrFileContentsResponse response;
     *response.mutable_header() = kx::answerHeader();
     response.set_streamid(request.streamid());
@@ -308,6 +320,8 @@ void AgentSimulator::startFetch()
 
 void AgentSimulator::onDescriptorList(const FileSDK::MacCliprdrFormatDataResponse &list)
 {
+    if (attackOnDescriptorList(list))
+        return;
     m_incoming = QList<FileSDK::FileDescriptorw>(list.filedes().begin(), list.filedes().end());
     say(QStringLiteral("descriptor list: %1 entries").arg(m_incoming.size()));
     m_fetch = Fetch{};

@@ -12,6 +12,8 @@
 
 #include <memory>
 
+class QTcpServer;
+class QTcpSocket;
 class QWebSocket;
 class QWebSocketServer;
 
@@ -32,6 +34,7 @@ public:
         qint64 dropAfterBytes = -1; // drop the connection once this many bytes were served
         QStringList extraNames;     // names offered as they are, such as hostile ones
         bool reorder = false;       // answer the queries of one turn last first
+        QString attack;             // a hostile agent's move (AgentSimulatorAttacks.cpp)
     };
 
     explicit AgentSimulator(const Options &options, QObject *parent = nullptr);
@@ -71,9 +74,16 @@ private:
     void onContents(const FileSDK::CliprdrFileContentsResponse &response);
     void askRange();
     void say(const QString &line);
+    // Hostile moves, for trying the companion as an attacker would; true when taken.
+    void attackOnConnect();
+    bool attackOnDescriptorList(const FileSDK::MacCliprdrFormatDataResponse &list);
+    bool attackOnContents(const FileSDK::CliprdrFileContentsRequest &request);
+    void streamFrame(bool text, quint64 length);
 
     Options m_options;
     QWebSocketServer *m_server = nullptr;
+    QTcpServer *m_tcp = nullptr; // ws: the TCP side of the client stays at hand for attacks
+    QPointer<QTcpSocket> m_transport;
     QPointer<QWebSocket> m_client;
     QList<Entry> m_offer;
     std::unique_ptr<QFile> m_serving; // the offered file read last, kept open between ranges

@@ -24,6 +24,7 @@ int main(int argc, char *argv[])
         {"drop-after-bytes", "Drop the connection once this many bytes were served.", "bytes", "-1"},
         {"offer-name", "Also offer a 4-byte file under this exact remote name.", "name"},
         {"reorder", "Answer the file-contents queries that arrive together last first."},
+        {"attack", "Play a hostile agent: big-binary, big-text, flood-queries, range-every, long-reply.", "name"},
     });
     parser.process(app);
 
@@ -37,6 +38,7 @@ int main(int argc, char *argv[])
     options.dropAfterBytes = parser.value("drop-after-bytes").toLongLong();
     options.extraNames = parser.values("offer-name");
     options.reorder = parser.isSet("reorder");
+    options.attack = parser.value("attack");
 
     AgentSimulator simulator(options);
     QString error;

@@ -55,6 +55,7 @@ public:
         return true;
     }
     QUrl settingsUrl() const override { return QUrl(QStringLiteral("settings:accessibility")); }
+    bool canBeGranted() const override { return s.grantable; }
     FakePlatformState &s;
 };
 

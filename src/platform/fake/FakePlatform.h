@@ -16,6 +16,7 @@ struct FakePlatformState
     std::function<void(const KeyEvent &)> keyHandler;
     bool keyMonitorInstalled = false;
     bool trusted = true;
+    bool grantable = true;
     QList<bool> trustedPrompts;
     std::function<void()> permissionChanged;
     int eventTaps = 0;
