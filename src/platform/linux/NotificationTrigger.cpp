@@ -25,26 +25,34 @@ NotificationTrigger::NotificationTrigger(QDBusConnection bus)
 void NotificationTrigger::setOffered(bool offered)
 {
     m_offered = offered;
-    if (!offered) {
+    if (m_inFlight) // decided when the service has told the id of the one shown
+        m_again = offered;
+    else if (offered)
+        notify();
+    else
         withdraw();
-        return;
-    }
-    QDBusMessage notify = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
-    notify << QStringLiteral(KX_APP_DISPLAY_NAME) << m_id << QStringLiteral("edit-paste")
+}
+
+void NotificationTrigger::notify()
+{
+    QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
+    message << QStringLiteral(KX_APP_DISPLAY_NAME) << m_id << QStringLiteral("edit-paste")
            << tr("Files copied on the remote desktop") << tr("Choose Paste… to save them in a folder of yours.")
            << QStringList{pasteAction, QStringLiteral("Paste…")}
            << QVariantMap{{QStringLiteral("resident"), true}, {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)}}
            << 0;
-    const quint64 request = ++m_request;
-    auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(notify), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher, request] {
+    m_inFlight = true;
+    auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message), this);
+    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
         watcher->deleteLater();
+        m_inFlight = false;
         const QDBusPendingReply<uint> reply = *watcher;
-        if (reply.isError())
-            return;
-        m_id = reply.value();
-        if (!m_offered || request != m_request) // gone, or replaced, while the call was out
+        if (!reply.isError())
+            m_id = reply.value();
+        if (!m_offered)
             withdraw();
+        else if (std::exchange(m_again, false)) // a newer copy came meanwhile: it replaces this one
+            notify();
     });
 }
 

@@ -22,11 +22,13 @@ private slots:
     void notificationClosed(uint id, uint reason);
 
 private:
+    void notify();
     void withdraw();
 
     QDBusConnection m_bus;
     std::function<void()> m_paste;
     bool m_offered = false;
-    uint m_id = 0;         // the notification shown, 0 for none
-    quint64 m_request = 0; // the latest Notify call; an older answer is withdrawn at once
+    uint m_id = 0;          // the notification shown, 0 for none
+    bool m_inFlight = false; // a Notify call whose answer (the id) has not come yet
+    bool m_again = false;    // a newer copy came while it was out
 };
