@@ -1,6 +1,7 @@
 // The wire: messages as bytes, frames as messages and their type byte, and which handler
 // a received frame reaches.
 #include "Frame.h"
+#include "FileTime.h"
 #include "FrameHandler.h"
 #include "LogCapture.h"
 #include "Messages.h"
@@ -31,6 +32,8 @@ private slots:
     void serializedBytes();
     void dispatch_data();
     void dispatch();
+    void fileTimes_data();
+    void fileTimes();
 };
 
 // The bytes on the wire, written down here by hand rather than by the code under test.
@@ -99,6 +102,27 @@ void TestProtocol::dispatch()
     kx::dispatchFrame(frame, recorder);
     QCOMPARE(recorder.calls, call.isEmpty() ? QStringList() : QStringList{call});
     QCOMPARE(log.lines(), logLine.isEmpty() ? QStringList() : QStringList{logLine});
+}
+
+// Windows FILETIMEs: whole seconds since 1601, the fraction dropped even before 1970.
+void TestProtocol::fileTimes_data()
+{
+    QTest::addColumn<QDateTime>("date");
+    QTest::addColumn<quint64>("expected");
+    QTest::newRow("2020, fraction dropped") << QDateTime(QDate(2020, 1, 1), QTime(0, 0, 0, 750), Qt::UTC) << Q_UINT64_C(132223104000000000);
+    QTest::newRow("before 1970") << QDateTime(QDate(1969, 7, 20), QTime(20, 17, 40), Qt::UTC) << Q_UINT64_C(116302906600000000);
+    QTest::newRow("half a second before 1970") << QDateTime::fromMSecsSinceEpoch(-500, Qt::UTC) << Q_UINT64_C(116444735990000000);
+    QTest::newRow("before 1601") << QDateTime(QDate(1500, 1, 1), QTime(0, 0), Qt::UTC) << Q_UINT64_C(0);
+    QTest::newRow("no date") << QDateTime() << Q_UINT64_C(0);
+}
+
+void TestProtocol::fileTimes()
+{
+    QFETCH(QDateTime, date);
+    QFETCH(quint64, expected);
+    QCOMPARE(kx::fileTime(date), expected);
+    if (expected) // and back, for the modification time of a pasted file
+        QCOMPARE(kx::timespecFromFileTime(expected).tv_sec, date.toSecsSinceEpoch() - (date.toMSecsSinceEpoch() % 1000 < 0));
 }
 
 QTEST_GUILESS_MAIN(TestProtocol)

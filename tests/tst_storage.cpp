@@ -1,17 +1,13 @@
 // File storage: remote names to local paths, files made beneath the chosen folder and
 // never through a link, ranges read and written at 64-bit offsets, the folder chooser
 // and the attributes of local files.
-#include "KXFileManager.h"
+#include "EngineHarness.h"
 #include "KXFileStreamOperation.h"
 #include "LogCapture.h"
 #include "RemotePath.h"
-#include "Support.h"
 
 #include <QCborValue>
-#include <QObject>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
 
 #include <sys/stat.h>
 
@@ -19,19 +15,14 @@ namespace {
 
 struct RecordingDelegate : QObject, KXFileManagerDelegate
 {
-    QList<QUrl> chosen;
-    int cancelled = 0;
-    void folderChosen(const QUrl &url) override { chosen.append(url); }
-    void folderChoiceCancelled() override { ++cancelled; }
-};
-
-struct Choice : FolderChooser
-{
-    FolderChoice answer;
-    FolderChoice runModal() override { return answer; }
+    QStringList calls;
+    void folderChosen(const QUrl &url) override { calls << "chosen " + url.toLocalFile(); }
+    void folderChoiceCancelled() override { calls << "cancelled"; }
 };
 
 } // namespace
+
+Q_DECLARE_METATYPE(FolderChoice)
 
 class TestStorage : public QObject
 {
@@ -230,38 +221,37 @@ void TestStorage::fragmentsAndArchive()
 
 void TestStorage::chooser_data()
 {
-    QTest::addColumn<bool>("confirmed");
-    QTest::addColumn<QString>("folder"); // "-" for no URL at all
-    QTest::addColumn<bool>("chosen");
+    QTest::addColumn<FolderChoice>("choice");
+    QTest::addColumn<QStringList>("calls");
     QTest::addColumn<QStringList>("log");
-    QTest::newRow("cancel") << false << "/tmp" << false << QStringList{"用户取消选择文件"};
-    QTest::newRow("choose") << true << "/tmp/dest" << true << QStringList{"选择的文件路径：/tmp/dest"};
-    QTest::newRow("confirmed without a URL") << true << "-" << false << QStringList{};
-    QTest::newRow("confirmed with an empty path") << true << "" << false << QStringList{"选择的文件路径："};
+    const auto url = [](const char *path) { return std::optional(QUrl::fromLocalFile(path)); };
+    QTest::newRow("cancel") << FolderChoice{false, url("/tmp")} << QStringList{"cancelled"} << QStringList{"用户取消选择文件"};
+    QTest::newRow("choose") << FolderChoice{true, url("/tmp/d")} << QStringList{"chosen /tmp/d"} << QStringList{"选择的文件路径：/tmp/d"};
+    QTest::newRow("confirmed without a URL") << FolderChoice{true, std::nullopt} << QStringList{"cancelled"} << QStringList{};
+    QTest::newRow("an empty path") << FolderChoice{true, QUrl()} << QStringList{"cancelled"} << QStringList{"选择的文件路径："};
 }
 
 void TestStorage::chooser()
 {
-    QFETCH(bool, confirmed);
-    QFETCH(QString, folder);
-    QFETCH(bool, chosen);
+    QFETCH(FolderChoice, choice);
+    QFETCH(QStringList, calls);
     QFETCH(QStringList, log);
     KXFileManager files;
-    auto *choice = new Choice;
-    choice->answer = FolderChoice{confirmed, folder == "-" ? std::nullopt : std::optional(QUrl::fromLocalFile(folder))};
-    files.setFolderChooser(std::unique_ptr<FolderChooser>(choice));
+    auto *chooser = new ScriptedChooser;
+    chooser->answer = choice;
+    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
     RecordingDelegate delegate;
     files.setDelegate(&delegate);
     LogCapture lines;
     files.chooseDestinationFolder();
-    QCOMPARE(delegate.chosen, chosen ? QList<QUrl>{QUrl::fromLocalFile(folder)} : QList<QUrl>{});
-    QCOMPARE(delegate.cancelled, chosen ? 0 : 1);
+    QCOMPARE(delegate.calls, calls);
     QCOMPARE(lines.lines(), log);
     {
         RecordingDelegate gone;
         files.setDelegate(&gone);
     } // destroyed: the manager must notice and call nobody
     files.chooseDestinationFolder();
+    QCOMPARE(chooser->runs, 2);
 }
 
 void TestStorage::attributes()
@@ -269,25 +259,19 @@ void TestStorage::attributes()
     KXFileManager files;
     QTemporaryDir dir;
     LogCapture log;
-    QCOMPARE(files.fileSizeAtPath(QString()), 0u);
-    QVERIFY(log.lines().isEmpty());
     const QDateTime before = QDateTime::currentDateTimeUtc().addSecs(-1);
-    QVERIFY(files.creationDateAtPath(QString()) >= before);
+    QVERIFY(files.fileSizeAtPath(QString()) == 0 && files.creationDateAtPath(QString()) >= before && log.lines().isEmpty());
     const QString missing = dir.filePath("missing");
-    QCOMPARE(files.fileSizeAtPath(missing), 0u);
-    QVERIFY(files.modificationDateAtPath(missing) >= before);
+    QVERIFY(files.fileSizeAtPath(missing) == 0 && files.modificationDateAtPath(missing) >= before);
     QCOMPARE(log.count("Cannot read the attributes of " + missing), 2);
-
-    const QString path = dir.filePath("f");
-    QVERIFY(writeFile(path, "12345"));
+    QVERIFY(writeFile(dir.filePath("f"), "12345"));
     const QDateTime stamp(QDate(2020, 1, 1), QTime(0, 0, 0, 750), Qt::UTC);
-    QFile file(path);
+    QFile file(dir.filePath("f"));
     QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(stamp, QFileDevice::FileModificationTime));
     file.close();
     log.clear();
-    QCOMPARE(files.fileSizeAtPath(path), 5u);
-    QCOMPARE(files.modificationDateAtPath(path), stamp);
-    QVERIFY(files.creationDateAtPath(path).isValid());
+    QVERIFY(files.fileSizeAtPath(file.fileName()) == 5 && files.modificationDateAtPath(file.fileName()) == stamp);
+    QVERIFY(files.creationDateAtPath(file.fileName()).isValid());
     QCOMPARE(log.lines().mid(0, 2), (QStringList{"File size: 5 bytes", "modificationDate date: 2020-01-01 00:00:00 +0000"}));
 }
 

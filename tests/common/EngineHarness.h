@@ -96,9 +96,8 @@ public:
     void send(const google::protobuf::MessageLite &message, FrameType type) { send(kx::encodeFrame(message, type)); }
     void remoteCopy()
     {
-        FileSDK::CliprdrFormatList list = kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7));
         const int clears = pasteboard.clears;
-        send(list, FrameType::formatList);
+        send(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList);
         (void)QTest::qWaitFor([&] { return pasteboard.clears > clears; }, 5000);
     }
     void offer(const Descriptors &list)
@@ -108,10 +107,7 @@ public:
             *response.add_filedes() = d;
         send(response, FrameType::formatDataResponse);
     }
-    void reply(std::uint32_t streamId, const QByteArray &data)
-    {
-        send(kx::makeContentsAnswer(streamId, data.toStdString()), FrameType::fileContentsResponse);
-    }
+    void reply(std::uint32_t stream, const QByteArray &data) { send(kx::makeContentsAnswer(stream, data.toStdString()), FrameType::fileContentsResponse); }
     // The connection back after a loss (loopback), its client type frame taken.
     void reopen()
     {
@@ -120,11 +116,7 @@ public:
     }
     void paste()
     {
-        engine->startPaste(
-            [this](double value) {
-                progress.append(value);
-                shownNames.append(engine->currentFileName());
-            },
+        engine->startPaste([this](double value) { progress.append(value), shownNames.append(engine->currentFileName()); },
                            [this](bool ok, PastedError error) { ends.append({ok, error}); });
     }
 
@@ -183,10 +175,9 @@ public:
     {
         remoteCopy();
         paste();
-        if (!next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest))
-            return false;
+        const bool asked = next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest).has_value();
         offer(list);
-        return true;
+        return asked;
     }
     // A whole paste, every query answered.
     bool pasteAll(const Descriptors &list, const Contents &contents, bool reverse = false)
