@@ -1,29 +1,27 @@
 // The descriptor list of a paste, any list with any sizes and names, played to its end:
-// the harness answers every size and range query the way the remote side would (bytes up
+// the target answers every size and range query the way the remote side would (bytes up
 // to the declared size, capped per run). The chosen folder starts with links in it: to a
 // folder outside, to a file outside, and to nothing. Whatever the list, nothing outside
 // the chosen folder may change, and no file inside it may grow past its declared size.
 // The input is one byte choosing the window (1 to 8), then the encoded list as it comes
-// off the wire.
-#include "FuzzEngine.h"
-#include "Frame.h"
-#include "Messages.h"
+// off the wire. Each run gets an engine and a scratch folder of its own (the tests'
+// harness), so a crash replays alone.
+#include "EngineHarness.h"
 
-#include <QDirIterator>
+#include <QCoreApplication>
 
 #include <cstdint>
 #include <cstdlib>
 
 namespace {
 
-FuzzEngine *fuzz = nullptr;
 constexpr std::uint64_t bytesPerRun = 1 << 20;
 
 // Answers what the engine asked for; false once nothing is asked or the byte cap is hit.
-bool answerQueries(const FileSDK::MacCliprdrFormatDataResponse &list, std::uint64_t &served)
+bool answerQueries(EngineHarness &h, const FileSDK::MacCliprdrFormatDataResponse &list, std::uint64_t &served)
 {
     bool asked = false;
-    for (const QByteArray &frame : std::exchange(fuzz->sink.sent, {})) {
+    for (const QByteArray &frame : std::exchange(h.sink.sent, {})) {
         if (frame.back() != char(FrameType::fileContentsRequest))
             continue;
         const auto query = kx::parseMessage<FileSDK::CliprdrFileContentsRequest>(frame.chopped(1));
@@ -39,7 +37,7 @@ bool answerQueries(const FileSDK::MacCliprdrFormatDataResponse &list, std::uint6
                         char('a' + offset % 26));
             served += data.size();
         }
-        fuzz->sink.deliver(kx::encodeFrame(kx::makeContentsAnswer(query->streamid(), data), FrameType::fileContentsResponse));
+        h.reply(query->streamid(), QByteArray::fromStdString(data));
         asked = true;
     }
     return asked;
@@ -49,8 +47,8 @@ bool answerQueries(const FileSDK::MacCliprdrFormatDataResponse &list, std::uint6
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
-    fuzz = new FuzzEngine(argc, argv);
-    writeFile(fuzz->root.filePath(QStringLiteral("outside/victim.txt")), "not to be touched");
+    new QCoreApplication(*argc, *argv);
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {}); // the lines are still made
     return 0;
 }
 
@@ -61,28 +59,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const QByteArray payload(reinterpret_cast<const char *>(data + 1), qsizetype(size - 1));
     FileSDK::MacCliprdrFormatDataResponse list;
     const bool parsed = list.ParseFromArray(payload.constData(), int(payload.size()));
-    const QString chosen = fuzz->chooser->folder;
-    QDir(chosen).removeRecursively();
-    QDir().mkpath(chosen);
-    QFile::link(fuzz->root.filePath(QStringLiteral("outside")), chosen + QStringLiteral("/up"));
-    QFile::link(fuzz->root.filePath(QStringLiteral("outside/victim.txt")), chosen + QStringLiteral("/file"));
-    QFile::link(fuzz->root.filePath(QStringLiteral("nowhere")), chosen + QStringLiteral("/dangling"));
+    EngineHarness h(1 + data[0] % 8);
+    const QString outside = h.root.filePath(QStringLiteral("inner/outside"));
+    writeFile(outside + QStringLiteral("/victim.txt"), "not to be touched");
+    QFile::link(outside, h.dest + QStringLiteral("/up"));
+    QFile::link(outside + QStringLiteral("/victim.txt"), h.dest + QStringLiteral("/file"));
+    QFile::link(h.root.filePath(QStringLiteral("nowhere")), h.dest + QStringLiteral("/dangling"));
 
-    const auto engine = fuzz->makeEngine(1 + data[0] % 8);
-    fuzz->sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::formatListHeader()), FrameType::formatList));
-    engine->startPaste([](double) {}, [](bool, PastedError) {});
-    fuzz->sink.deliver(payload + char(FrameType::formatDataResponse));
+    h.remoteCopy();
+    h.paste();
+    h.sink.deliver(payload + char(FrameType::formatDataResponse));
     std::uint64_t served = 0;
     for (int turn = 0; turn < 10000; ++turn) {
         QCoreApplication::processEvents();
-        if (!answerQueries(list, served))
+        if (!answerQueries(h, list, served))
             break;
     }
-    fuzz->sink.lose(); // ends whatever is still running, as a dropped connection would
+    h.sink.lose(); // ends whatever is still running, as a dropped connection would
 
     // Beside the chosen folder: the folder outside and its one file, untouched.
-    if (treeOf(fuzz->root.path()).filter(QRegularExpression(QStringLiteral("^(?!chosen)")))
-        != QStringList{QStringLiteral("outside/"), QStringLiteral("outside/victim.txt 17")})
+    if (treeOf(h.root.path()).filter(QRegularExpression(QStringLiteral("^(?!inner/dest)")))
+        != QStringList{QStringLiteral("inner/"), QStringLiteral("inner/outside/"), QStringLiteral("inner/outside/victim.txt 17")})
         std::abort();
     if (!parsed)
         return 0;
@@ -90,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     std::uint64_t largest = 0;
     for (const auto &d : list.filedes())
         largest = std::max(largest, kx::descriptorSize(d));
-    QDirIterator it(chosen, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
+    QDirIterator it(h.dest, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         if (std::uint64_t(QFileInfo(it.next()).size()) > largest)
             std::abort();

@@ -224,7 +224,8 @@ void TestDesktop::windowAndAlerts()
     controller->handlePasteProgress(0.25);
     QTRY_VERIFY(controller->isVisible());
     QCOMPARE(controller->size(), QSize(400, 200));
-    QVERIFY(!controller->stopBtn()->isHidden() && controller->stopBtn()->geometry() == ViewController::stopButtonArea);
+    QVERIFY(!controller->stopBtn()->isHidden() && controller->stopBtn()->geometry() == ViewController::stopButtonArea
+            && controller->progressIndicator()->geometry() == ViewController::progressArea);
     QCOMPARE(controller->progressIndicator()->value(), controller->progressIndicator()->maximum() / 4);
     QVERIFY(log.contains("Progress: 0.25"));
     controller->handlePasteFinished(false, ClipBoardError::cancelDownload);
@@ -232,10 +233,13 @@ void TestDesktop::windowAndAlerts()
     QTRY_COMPARE(state.alerts.size(), 1);
     QCOMPARE(state.alerts.first().message, QStringLiteral("下载失败错误原因：cancelDownload"));
     QCOMPARE(state.alerts.first().buttons, QStringList{"ok"});
+    QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
+    controller->handlePasteProgress(0.5);
     controller->handlePasteFinished(true, ClipBoardError::noError);
     QTRY_COMPARE(state.alerts.size(), 2);
     QCOMPARE(state.alerts.last().message, QStringLiteral("下载成功"));
     QVERIFY(log.contains("所有文件粘贴成功") && !controller->isVisible());
+    QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
 }
 
 // The remote side's part of a paste of these files, each of 300000 bytes, into dest:

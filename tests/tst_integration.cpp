@@ -6,10 +6,7 @@
 #include "TestCertificate.h"
 
 #include <QElapsedTimer>
-#include <QTcpServer>
 #include <QWebSocket>
-
-#include <sys/stat.h>
 
 using Attack = std::function<void(EngineHarness &)>;
 Q_DECLARE_METATYPE(Attack)
@@ -123,13 +120,7 @@ void TestIntegration::errorsAndReplacedClients()
     SocketManager manager;
     RecordingDelegate delegate(manager);
     LogCapture log;
-    quint16 closedPort = 0;
-    {
-        QTcpServer probe;
-        probe.listen(QHostAddress::LocalHost);
-        closedPort = probe.serverPort();
-    }
-    manager.connect(QStringLiteral("ws://127.0.0.1:%1/tok").arg(closedPort));
+    manager.connect("ws://127.0.0.1:1/tok"); // nothing listens there
     QTRY_COMPARE(delegate.disconnects, 2); // an error reports the loss twice, as an agent expects
     QVERIFY(log.containsPrefix("websocket encountered an error: "));
     QCOMPARE(log.count("重连中无需再次重连"), 1);
@@ -143,8 +134,7 @@ void TestIntegration::errorsAndReplacedClients()
     QCOMPARE(delegate.disconnects, 2); // the replaced client's end is not the new one's
     QWebSocket *current = manager.socket();
     manager.connect("ws://bad host:port/x y");
-    QCOMPARE(manager.socket(), current);
-    QCOMPARE(manager.websoketStatus(), WebsoketStatus::connected);
+    QVERIFY(manager.socket() == current && manager.websoketStatus() == WebsoketStatus::connected);
 }
 
 // An agent's certificate is its own, and its clock may not be ours: every fault is
@@ -183,9 +173,8 @@ void TestIntegration::hostileAgent_data()
     QTest::addColumn<Attack>("attack");
     QTest::addColumn<QStringList>("madeInside"); // besides the link
     QTest::addColumn<int>("peakMiB");            // resident memory it may add; 0: not measured
-    const auto fifo = [](const QString &path) { return ::mkfifo(QFile::encodeName(path).constData(), 0600) == 0; };
-    const auto serve = [](EngineHarness &h, QByteArray contents, qint64 size) {
-        QVERIFY(writeFile(h.root.filePath("local/served"), contents) && QFile::resize(h.root.filePath("local/served"), size));
+    const auto serve = [](EngineHarness &h) { // a local copy of one file of 100 MiB, described to the agent
+        QVERIFY(writeFile(h.root.filePath("local/served"), {}) && QFile::resize(h.root.filePath("local/served"), 100 << 20));
         h.engine->copiedFiles({QUrl::fromLocalFile(h.root.filePath("local"))});
         QVERIFY(h.next<FileSDK::CliprdrFormatList>(FrameType::formatList));
         h.send(hex("03"));
@@ -194,9 +183,6 @@ void TestIntegration::hostileAgent_data()
     QTest::newRow("through a link to a folder outside") << Attack([](EngineHarness &h) {
         QVERIFY(h.pasteAll({descriptor("photos", 0, 0x10), descriptor("photos\\.bashrc", 5)}, {{1, "evil!"}}));
         QVERIFY(h.lastEnd(false, PastedError::saveError));
-    }) << QStringList{} << 0;
-    QTest::newRow("new folders through it") << Attack([](EngineHarness &h) {
-        QVERIFY(h.pasteAll({descriptor("photos\\new\\x", 5)}, {{0, "evil!"}}) && h.lastEnd(false, PastedError::saveError));
     }) << QStringList{} << 0;
     QTest::newRow("a reply far past the announced size") << Attack([](EngineHarness &h) {
         QVERIFY(h.pasteOf({descriptor("ten.txt", 10)}));
@@ -210,7 +196,7 @@ void TestIntegration::hostileAgent_data()
             QVERIFY(reconnected(h));
         }) << QStringList{} << 16;
     QTest::newRow("40 queries of 2 GiB, never read") << Attack([=](EngineHarness &h) {
-        serve(h, {}, 100 << 20);
+        serve(h);
         LogCapture log;
         h.agent->stopReading();
         for (std::uint32_t i = 0; i < 40; ++i)
@@ -220,21 +206,6 @@ void TestIntegration::hostileAgent_data()
         h.agent->closeClient();
         QVERIFY(reconnected(h));
     }) << QStringList{} << 200;
-    QTest::newRow("more than 10,000 queries waiting") << Attack([=](EngineHarness &h) {
-        serve(h, {}, 100 << 20);
-        h.agent->stopReading();
-        for (std::uint32_t i = 0; i <= 10001; ++i)
-            h.send(kx::makeContentsQuery(i, 1, 2, 0, 0x80000000u), FrameType::fileContentsRequest);
-        QVERIFY(reconnected(h)); // dropped by the companion
-    }) << QStringList{} << 200;
-    QTest::newRow("a FIFO where a served file was") << Attack([=](EngineHarness &h) {
-        QVERIFY(QDir().mkpath(h.root.filePath("local")) && fifo(h.root.filePath("local/pipe")));
-        serve(h, "served", 6);
-        QVERIFY(QFile::remove(h.root.filePath("local/served")) && fifo(h.root.filePath("local/served")));
-        h.send(kx::makeContentsQuery(7, 1, 2, 0, 6), FrameType::fileContentsRequest);
-        const auto answer = h.next<FileSDK::CliprdrFileContentsResponse>(FrameType::fileContentsResponse);
-        QVERIFY(answer && answer->header().msgflags() == 2 && answer->requesteddata().empty());
-    }) << QStringList{} << 0;
     QTest::newRow("a name of 32,000 components") << Attack([](EngineHarness &h) {
         QElapsedTimer clock;
         clock.start();

@@ -57,10 +57,6 @@ void TestProtocol::serializedBytes_data()
     twoDescriptors.add_filedes()->set_nfilesizelow(1);
     twoDescriptors.add_filedes()->set_nfilesizelow(2);
     QTest::newRow("repeated descriptors, in order") << kx::serialize(twoDescriptors) << hex("12 02 58 01 12 02 58 02");
-    QTest::newRow("local copy's format list frame")
-        << kx::encodeFrame(kx::makeFileFormatList(kx::formatListHeader()), FrameType::formatList)
-        << hex("0a 08 08 01 10 01 18 01 20 01 10 02 1a 1a 08 c2 81 03 12 14 46 69 6c 65 47 72 6f 75 70 44 65 73 63 72 69 "
-               "70 74 6f 72 57 1a 12 08 af 81 03 12 0c 46 69 6c 65 43 6f 6e 74 65 6e 74 73 01");
     QTest::newRow("range query past 4 GiB: both halves")
         << kx::serialize(kx::makeContentsQuery(3, 1, 2, (quint64(1) << 32) + 262144, 262144))
         << hex("10 03 18 01 20 02 28 80 80 10 30 01 38 80 80 10");

@@ -30,10 +30,10 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
     // Fixed places in a fixed window: the Stop button is where a script expects to click.
     m_detail = new QLabel(this);
     m_detail->setWordWrap(true);
-    m_detail->setGeometry(20, 20, 360, 56);
+    m_detail->setGeometry(detailArea);
     m_progressIndicator = new QProgressBar(this);
     m_progressIndicator->setTextVisible(true);
-    m_progressIndicator->setGeometry(20, 88, 360, 24);
+    m_progressIndicator->setGeometry(progressArea);
     m_stopBtn = new QPushButton(tr("Stop"), this);
     m_stopBtn->setFocusPolicy(Qt::NoFocus);
     m_stopBtn->setGeometry(stopButtonArea);

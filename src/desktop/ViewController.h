@@ -20,6 +20,8 @@ public:
     static constexpr int contentWidth = 400;
     static constexpr int contentHeight = 200;
     static constexpr int hideDelayMs = 500;
+    static constexpr QRect detailArea{20, 20, 360, 56};
+    static constexpr QRect progressArea{20, 88, 360, 24};
     static constexpr QRect stopButtonArea{150, 136, 100, 36};
 
     ViewController(Platform &platform, EngineContext engineContext, const QString &hostAppId,

@@ -169,7 +169,6 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
         qCInfo(lcEngine).noquote() << "a descriptor list arrived while the folder chooser is open; ignored";
         return;
     }
-    m_pasteBasePath.clear();
     m_formatDataResponse = kx::parseMessage<FileSDK::MacCliprdrFormatDataResponse>(payload);
     if (!m_formatDataResponse)
         return;
@@ -202,10 +201,9 @@ void ClipBoardManager::startDownload(const QUrl &url)
     // link is ever followed.
     const QString chosen = url.toLocalFile();
     const QString canonical = QFileInfo(chosen).canonicalFilePath();
-    m_pasteBasePath = canonical.isEmpty() ? chosen : canonical;
     m_pasteStatus = PasteStatus::downloading;
     static const FileSDK::MacCliprdrFormatDataResponse noList;
-    m_paste = std::make_unique<PasteSession>(*this, m_pasteBasePath,
+    m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical,
                                              (m_formatDataResponse ? *m_formatDataResponse : noList).filedes());
     m_paste->downloadNextFile();
 }

@@ -109,7 +109,6 @@ private:
     ProgressCallback m_pastedProgressCallback;
     std::optional<FileSDK::MacCliprdrFormatDataResponse> m_formatDataResponse;
     PasteStatus m_pasteStatus = PasteStatus::start;
-    QString m_pasteBasePath;
     // The running or last paste's transfer: its files, queries and per-file state.
     std::unique_ptr<PasteSession> m_paste;
 

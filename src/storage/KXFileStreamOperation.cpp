@@ -110,10 +110,9 @@ QString withoutTrailingSlashes(QString path)
     return path;
 }
 
+// A closed handle (-1) fails in lseek and reads as offset 0.
 std::uint64_t offsetInFileOf(int fd)
 {
-    if (fd < 0)
-        return 0;
     const off_t at = ::lseek(fd, 0, SEEK_CUR);
     return at < 0 ? 0 : std::uint64_t(at);
 }
@@ -378,7 +377,7 @@ std::optional<QByteArray> KXFileStreamOperation::readDataToEndOfFile()
 
 bool KXFileStreamOperation::writeData(const QByteArray &data)
 {
-    if (m_writeFd < 0)
+    if (!hasWriteHandle())
         return false;
     const std::uint64_t at = offsetInFileOf(m_writeFd);
     if (!writeAll(m_writeFd, data.constData(), std::uint64_t(data.size()), at))
@@ -400,10 +399,7 @@ std::uint64_t KXFileStreamOperation::offsetInFile() const
 
 std::uint64_t KXFileStreamOperation::seekToEndOfFile()
 {
-    const int fd = isReadOperation ? m_readFd : m_writeFd;
-    if (fd < 0)
-        return 0;
-    const off_t end = ::lseek(fd, 0, SEEK_END);
+    const off_t end = ::lseek(isReadOperation ? m_readFd : m_writeFd, 0, SEEK_END);
     return end < 0 ? 0 : std::uint64_t(end);
 }
 

@@ -57,6 +57,11 @@ bool X11KeyMonitor::available()
     return ok;
 }
 
+bool X11KeyMonitor::keyIsDown(const char (&keys)[32], int keycode)
+{
+    return keycode >= 0 && keycode < 256 && (keys[keycode / 8] & (1 << (keycode % 8))) != 0;
+}
+
 bool X11KeyMonitor::install(std::function<void(const KeyEvent &)> handler)
 {
     remove();
@@ -151,8 +156,7 @@ void X11KeyMonitor::dropReleasedModifiers()
     char keys[32] = {};
     XQueryKeymap(m_display, keys);
     for (auto it = m_held.begin(); it != m_held.end();) {
-        const int keycode = *it;
-        if (keycode >= 0 && keycode < 256 && !(keys[keycode / 8] & (1 << (keycode % 8))))
+        if (!keyIsDown(keys, *it))
             it = m_held.erase(it);
         else
             ++it;

@@ -24,6 +24,8 @@ public:
 
     // Whether a display with XInput 2.2 or newer can be opened here.
     static bool available();
+    // Whether the server's key map, as XQueryKeymap fills it, has this key down.
+    static bool keyIsDown(const char (&keys)[32], int keycode);
 
 private:
     void readEvents();
