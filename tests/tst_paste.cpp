@@ -55,6 +55,7 @@ private slots:
     void window_data();
     void window();
     void windowShortAndEmptyReplies();
+    void sizesPastAnyDisk();
 };
 
 // Two files and a folder, one query at a time: a short reply, an empty one repeated after
@@ -68,7 +69,8 @@ void TestPaste::oneAtATimeIsByteExact()
     h.paste();
     QCOMPARE(h.nextFrame(), hex("0a 06 08 03 10 02 20 07 10 c2 81 03 03"));
     const QByteArray a = pattern(300000, 1), b = pattern(70000, 2);
-    h.offer({descriptor("d", 0, 0x10), descriptor("d\\a.bin", 300000), descriptor("d\\e.txt", 0), descriptor("b.bin", 70000)});
+    h.offer({descriptor("d", 0, 0x10), descriptor("d\\a.bin", 300000), descriptor("d\\e.txt", 0), descriptor("b.bin", 70000),
+             descriptor(".", 0, 0x10, 132223104000000000ull)}); // a time for the chosen folder itself, never set
     const auto streamOf = [](const std::optional<QByteArray> &frame) {
         return frame ? kx::parseMessage<Query>(frame->chopped(1)).value_or(Query()).streamid() : 99;
     };
@@ -98,7 +100,8 @@ void TestPaste::oneAtATimeIsByteExact()
     QVERIFY(h.lastEnd(true, PastedError::noError) && h.ends.size() == 1 && !h.nextFrame(0));
     QCOMPARE(treeOf(h.dest), (QStringList{"b.bin 70000", "d/", "d/a.bin 300000", "d/e.txt 0"}));
     QVERIFY(readFile(h.dest + "/d/a.bin") == a && readFile(h.dest + "/b.bin") == b);
-    QVERIFY(QFileInfo(h.dest + "/d").lastModified().secsTo(QDateTime::currentDateTime()) < 60); // no time sent, none set
+    for (const QString &folder : {h.dest, h.dest + "/d"}) // no time sent, or not one of ours: none set
+        QVERIFY(QFileInfo(folder).lastModified().secsTo(QDateTime::currentDateTime()) < 60);
     QCOMPARE(h.progress, (QList<double>{chunk / 370000.0, 272144 / 370000.0, 300000 / 370000.0, 1.0, 1.0}));
     QCOMPARE(log.count("send requestContentRequestType3 success"), 1);
     QCOMPARE(log.count("这个文件大小正确下载完成了"), 2);
@@ -285,10 +288,11 @@ void TestPaste::window_data()
     QTest::addColumn<int>("window");
     QTest::addColumn<bool>("reverse");
     QTest::addColumn<int>("firstSizeQueries"); // empty files need none, but take a place
-    QTest::newRow("window 1") << 1 << false << 1;
-    QTest::newRow("window 8, in order") << 8 << false << 6;
-    QTest::newRow("window 8, last first") << 8 << true << 6;
-    QTest::newRow("window 64, last first") << 64 << true << 20;
+    QTest::addColumn<int>("widest");           // queries outstanding at once, at most
+    QTest::newRow("window 1") << 1 << false << 1 << 1;
+    QTest::newRow("window 8, in order") << 8 << false << 6 << 8;
+    QTest::newRow("window 8, last first") << 8 << true << 6 << 8;
+    QTest::newRow("window 64, last first") << 64 << true << 20 << 56; // all the ranges of 20 files
 }
 
 // Replies matched by stream id in any order; the next files' sizes asked for early; files
@@ -300,6 +304,7 @@ void TestPaste::window()
     QFETCH(int, window);
     QFETCH(bool, reverse);
     QFETCH(int, firstSizeQueries);
+    QFETCH(int, widest);
     EngineHarness h(window);
     const std::uint64_t y2020 = 132223104000000000ull, second = 10000000;
     Descriptors list{descriptor("top", 0, 0x2010, y2020)};
@@ -315,6 +320,7 @@ void TestPaste::window()
         sizeQueries += kx::parseMessage<Query>(frame.chopped(1))->dwflags() == 1;
     QCOMPARE(sizeQueries, firstSizeQueries);
     QVERIFY(h.serve(contents, reverse) && h.lastEnd(true, PastedError::noError));
+    QCOMPARE(h.widest, widest);
     for (int i = 1; i <= 30; ++i) {
         const QString path = h.dest + QStringLiteral("/top/f%1").arg(i, 2, 10, QLatin1Char('0'));
         QCOMPARE(readFile(path), contents[i]);
@@ -357,6 +363,16 @@ void TestPaste::windowShortAndEmptyReplies()
     h.reply(again.streamid(), data.first(chunk));
     QVERIFY(h.lastEnd(true, PastedError::noError));
     QCOMPARE(readFile(h.dest + "/f"), data);
+}
+
+// Sizes that add up past 2^64, as no real list does: the progress stays a fraction.
+void TestPaste::sizesPastAnyDisk()
+{
+    EngineHarness h;
+    QVERIFY(h.pasteOf({descriptor("a", 5), descriptor("b", 1ull << 63), descriptor("c", 1ull << 63)}));
+    h.reply(h.query().streamid(), QByteArray(8, 0));
+    h.reply(h.query().streamid(), "hello");
+    QVERIFY(h.progress.size() == 1 && h.progress.first() > 0 && h.progress.first() < 1e-9);
 }
 
 QTEST_GUILESS_MAIN(TestPaste)

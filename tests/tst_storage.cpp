@@ -159,8 +159,10 @@ void TestStorage::readRanges()
     // Missing, a folder or a FIFO: nothing is opened, and opening never waits.
     LogCapture log;
     QVERIFY(::mkfifo(QFile::encodeName(dir.filePath("fifo")).constData(), 0600) == 0);
-    for (const char *name : {"missing", "", "fifo"})
+    for (const char *name : {"missing", "", "fifo"}) {
         QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), false, QString()));
+        QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), 4, true));
+    }
     QVERIFY(log.contains("文件不存在：" + dir.filePath("missing")));
 }
 

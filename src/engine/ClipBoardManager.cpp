@@ -202,9 +202,12 @@ void ClipBoardManager::startDownload(const QUrl &url)
     const QString chosen = url.toLocalFile();
     const QString canonical = QFileInfo(chosen).canonicalFilePath();
     m_pasteStatus = PasteStatus::downloading;
-    static const FileSDK::MacCliprdrFormatDataResponse noList;
-    m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical,
-                                             (m_formatDataResponse ? *m_formatDataResponse : noList).filedes());
+    // The list moves into the transfer: a list of tens of MiB is held once, not twice.
+    google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> list;
+    if (m_formatDataResponse)
+        list.Swap(m_formatDataResponse->mutable_filedes());
+    m_formatDataResponse.reset();
+    m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical, std::move(list));
     m_paste->downloadNextFile();
 }
 

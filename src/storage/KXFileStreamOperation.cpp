@@ -103,13 +103,6 @@ UniqueFd openBase(const QString &base)
     return UniqueFd(::open(QFile::encodeName(base).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-QString withoutTrailingSlashes(QString path)
-{
-    while (path.size() > 1 && path.endsWith(QLatin1Char('/')))
-        path.chop(1);
-    return path;
-}
-
 // A closed handle (-1) fails in lseek and reads as offset 0.
 std::uint64_t offsetInFileOf(int fd)
 {
@@ -169,7 +162,7 @@ UniqueFd KXFileStreamOperation::createFolder(const QString &windowsPath, const Q
     const QStringList components = windowsPath.split(QLatin1Char('\\'));
     qCInfo(lcStream).noquote().nospace() << "windowsPath:" << windowsPath;
     qCInfo(lcStream).noquote().nospace() << "arr.clount:" << components.size();
-    const QString base = withoutTrailingSlashes(basePath);
+    const QString base = kx::withoutTrailingSlashes(basePath);
     const QStringList parts = kx::remoteComponents(windowsPath);
     if (!kx::fitsFileSystem(base, parts) || parts.contains(QLatin1String(".."))) {
         qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << "the name does not fit beneath the folder: " << windowsPath;
@@ -203,7 +196,9 @@ UniqueFd KXFileStreamOperation::createFolder(const QString &windowsPath, const Q
 
 UniqueFd KXFileStreamOperation::openFolderBeneath(const QString &basePath, const QStringList &components)
 {
-    UniqueFd folder = openBase(withoutTrailingSlashes(basePath));
+    if (components.count(QStringLiteral(".")) == components.size())
+        return {};
+    UniqueFd folder = openBase(kx::withoutTrailingSlashes(basePath));
     for (const QString &component : components) {
         if (!folder.valid() || component == QLatin1String(".."))
             return {};
@@ -306,6 +301,8 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
         if (!operation->getFileInfoAtPath(path))
             return nullptr;
         operation->m_readFd = openRegularForReading(path);
+        if (operation->m_readFd < 0)
+            return nullptr;
         operation->cutFileForFragments(fileSegmentSize);
         return operation;
     }

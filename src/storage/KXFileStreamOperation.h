@@ -40,9 +40,11 @@ public:
     static QString getFullPathWithWindowsPath(const QString &windowsPath, const QString &basePath);
     // Opens every folder of the remote path beneath basePath, creating what is missing,
     // and returns the one the file goes into. Nothing when a component is a link or a
-    // file, or the name does not fit the file system: then nothing at all was created.
+    // file (the folders made before it stay), or when the name does not fit the file
+    // system (then nothing was made).
     static UniqueFd createFolder(const QString &windowsPath, const QString &basePath);
-    // The folder at these components beneath basePath, no link followed; nothing if absent.
+    // The folder at these components strictly beneath basePath, no link followed; nothing
+    // if absent, and never basePath itself (no components, or only ".").
     static UniqueFd openFolderBeneath(const QString &basePath, const QStringList &components);
     static QString removeTrailingSlash(const QString &string);
     static QString cachesDirectory();

@@ -34,6 +34,13 @@ QStringList remoteComponents(const QString &windowsPath)
     return windowsPath.split(separators(), Qt::SkipEmptyParts);
 }
 
+QString withoutTrailingSlashes(QString path)
+{
+    while (path.size() > 1 && path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    return path;
+}
+
 bool fitsFileSystem(const QString &base, const QStringList &components)
 {
     qsizetype total = QFile::encodeName(base).size();

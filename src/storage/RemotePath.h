@@ -20,4 +20,7 @@ QStringList remoteComponents(const QString &windowsPath);
 // than NAME_MAX bytes, the whole no longer than PATH_MAX. Checked before anything is made.
 bool fitsFileSystem(const QString &base, const QStringList &components);
 
+// A local folder's path as the rules above take it: trailing slashes dropped, "/" kept.
+QString withoutTrailingSlashes(QString path);
+
 } // namespace kx

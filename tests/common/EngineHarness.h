@@ -160,6 +160,7 @@ public:
             QList<Query> batch;
             while (auto q = nextQuery(0))
                 batch.append(*q);
+            widest = std::max(widest, batch.size());
             if (reverse)
                 std::reverse(batch.begin(), batch.end());
             for (const Query &q : batch) {
@@ -199,4 +200,5 @@ public:
     QList<double> progress;
     QStringList shownNames; // the file the progress window names, at each report
     QList<std::pair<bool, PastedError>> ends;
+    qsizetype widest = 0; // the most queries outstanding at once that serve() saw
 };

@@ -4,6 +4,7 @@
 #include "FileTime.h"
 #include "KXFileManager.h"
 #include "Messages.h"
+#include "RemotePath.h"
 #include "Wire.h"
 
 #include <QDir>
@@ -14,13 +15,6 @@ namespace {
 QString joinPath(const QString &folder, const QString &name)
 {
     return folder.endsWith(QLatin1Char('/')) ? folder + name : folder + QLatin1Char('/') + name;
-}
-
-QString withoutTrailingSlash(QString path)
-{
-    while (path.size() > 1 && path.endsWith(QLatin1Char('/')))
-        path.chop(1);
-    return path;
 }
 
 // Only regular files and folders are offered: a FIFO, a socket or a device has no
@@ -110,8 +104,8 @@ QString CopyOffer::relativePath(const QString &from, const QString &to)
 
 QString CopyOffer::remoteName(const QString &itemPath) const
 {
-    const QString rootPath = withoutTrailingSlash(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
-    const QString relative = relativePath(rootPath, withoutTrailingSlash(itemPath));
+    const QString rootPath = kx::withoutTrailingSlashes(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
+    const QString relative = relativePath(rootPath, kx::withoutTrailingSlashes(itemPath));
     qCInfo(lcEngine).noquote().nospace() << "Directoryrela:" << relative;
     QString name = QFileInfo(rootPath).fileName() + QStringLiteral("//") + relative;
     while (name.endsWith(QLatin1String("//")))

@@ -124,7 +124,6 @@ void CopyServer::answerDataRequest()
         return;
     qCInfo(lcEngine).noquote().nospace() << "收到widows 发出control + v指令fileList:" << printed(m_offer.fileList());
     m_uploadStreamer.reset();
-    m_uploadStreamerIndex.reset();
     m_offer.rebuild();
 
     qCInfo(lcEngine).noquote().nospace() << "所有文件个数:" << m_offer.uploadQueueNum();
@@ -156,12 +155,11 @@ KXFileStreamOperation *CopyServer::uploadStreamerFor(std::uint32_t listIndex)
     // learn that the file is gone rather than receive what the user threw away.
     if (m_uploadStreamer && m_uploadStreamerIndex == listIndex && !QFileInfo::exists(path)) {
         m_uploadStreamer.reset();
-        m_uploadStreamerIndex.reset();
         return nullptr;
     }
     if (!m_uploadStreamer || m_uploadStreamerIndex != listIndex) {
         m_uploadStreamer = KXFileStreamOperation::initFileOperationAtPath(path, false, QString());
-        m_uploadStreamerIndex = m_uploadStreamer ? std::optional(listIndex) : std::nullopt;
+        m_uploadStreamerIndex = listIndex;
     }
     return m_uploadStreamer.get();
 }
@@ -204,7 +202,6 @@ void CopyServer::answerContentRequest(const FileSDK::CliprdrFileContentsRequest 
         qCInfo(lcEngine).noquote().nospace() << "could not read " << m_offer.uploadCopyUrlList().at(listIndex).toLocalFile()
                                              << "; the range query is answered as failed";
         m_uploadStreamer.reset();
-        m_uploadStreamerIndex.reset();
         sendAnswer(request.streamid(), std::string(), kx::wire::responseFailed);
         return;
     }

@@ -52,5 +52,5 @@ private:
     // The upload's own reading file, apart from the download's, kept open across the
     // queries of one entry.
     std::unique_ptr<KXFileStreamOperation> m_uploadStreamer;
-    std::optional<std::uint32_t> m_uploadStreamerIndex;
+    std::uint32_t m_uploadStreamerIndex = 0; // of the open file; nothing without one
 };

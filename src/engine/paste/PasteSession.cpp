@@ -39,15 +39,17 @@ bool setModificationTime(int fd, const FileSDK::FileDescriptorw &d)
 
 } // namespace
 
-// removeFolderEntries and computeDownloadTotals: folders are not fetched (their folders
-// are made when a file in them is opened), and the sizes of the rest are summed.
+// Folders are not fetched (a file's folders are made when it is opened), and the sizes of
+// the rest are summed; a sum past 2^64, which no real list reaches, stays at the top, so
+// that the progress is still a fraction.
 PasteSession::PasteSession(ClipBoardManager &engine, const QString &basePath,
-                           const google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> &list)
+                           google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> list)
     : m_engine(engine)
     , m_window(engine.window())
     , m_pasteBasePath(basePath)
-    , m_originFileDescriptorwList(list)
+    , m_originFileDescriptorwList(std::move(list))
 {
+    m_files.reserve(std::size_t(m_originFileDescriptorwList.size()));
     for (int i = 0; i < m_originFileDescriptorwList.size(); ++i) {
         const FileSDK::FileDescriptorw &d = m_originFileDescriptorwList.Get(i);
         if (isFolder(d))
@@ -56,7 +58,8 @@ PasteSession::PasteSession(ClipBoardManager &engine, const QString &basePath,
         file.listIndex = i;
         file.size = kx::descriptorSize(d);
         qCInfo(lcEngine).noquote().nospace() << "此文件大小:" << file.size;
-        m_downloadTotalSize += file.size;
+        if (__builtin_add_overflow(m_downloadTotalSize, file.size, &m_downloadTotalSize))
+            m_downloadTotalSize = std::numeric_limits<std::uint64_t>::max();
         m_files.push_back(std::move(file));
     }
     qCInfo(lcEngine).noquote().nospace() << "下载文件总大小：" << m_downloadTotalSize;
@@ -117,7 +120,6 @@ bool PasteSession::finishSavedFiles()
     if (m_head < m_files.size())
         return false;
     m_stopped = true;
-    m_engine.downloadQueueEmptied();
     qCInfo(lcEngine).noquote() << "所有文件下载完成";
     setFolderTimes();
     m_engine.finishPaste();
@@ -141,9 +143,9 @@ void PasteSession::startCurrentFile(std::size_t index)
         m_engine.failSave();
         return;
     }
+    file.localPath = KXFileStreamOperation::getMacPathFromWindowsPath(name, m_pasteBasePath);
     if (file.size == 0)
         return; // complete as it is; finished in its turn
-    file.localPath = KXFileStreamOperation::getMacPathFromWindowsPath(name, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "self.pasteBasePath:" << m_pasteBasePath << ' ' << m_pasteBasePath;
     qCInfo(lcEngine).noquote().nospace() << "windows转到mac的存储路径为:"
                                          << QUrl::fromLocalFile(file.localPath).toString(QUrl::FullyEncoded);
@@ -173,7 +175,7 @@ bool PasteSession::requestNextRange()
         Query query{index, false, 0, 0};
         if (!file.gaps.empty()) {
             std::tie(query.offset, query.length) = file.gaps.front();
-            file.gaps.pop_front();
+            file.gaps.erase(file.gaps.begin());
         } else if (file.requested < file.size) {
             // One at a time, every range asks for a whole chunk, the last one included.
             const std::uint64_t left = file.size - file.requested;
@@ -324,7 +326,6 @@ void PasteSession::setFolderTimes()
 void PasteSession::stop()
 {
     m_stopped = true;
-    m_outstanding.clear();
     for (FileTask &file : m_files)
         file.out.reset();
 }

@@ -7,7 +7,6 @@
 #include <QString>
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <vector>
@@ -27,14 +26,14 @@ class PasteSession : public QObject
 {
 public:
     PasteSession(ClipBoardManager &engine, const QString &basePath,
-                 const google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> &list);
+                 google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> list);
     ~PasteSession() override;
 
     // Starts the download loop; it goes on by itself, reply after reply.
     void downloadNextFile();
     void handleContentResponse(const FileSDK::CliprdrFileContentsResponse &reply);
-    // Ends the transfer where it is: files closed, outstanding queries forgotten, so that
-    // replies that still come write nothing.
+    // Ends the transfer where it is: files closed, and replies that still come, or the
+    // repeats still waiting, are ignored, so they write nothing.
     void stop();
 
     bool hasCurrentFile() const { return !m_stopped && m_head < m_files.size(); }
@@ -53,7 +52,9 @@ private:
         bool sized = false;
         std::uint64_t requested = 0; // bytes asked for, from the start of the file
         std::uint64_t saved = 0;
-        std::deque<std::pair<std::uint64_t, std::uint32_t>> gaps; // what short replies left out
+        // What short replies left out; a vector, as it is empty in nearly every file and an
+        // empty vector costs nothing for each of a list's entries.
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> gaps;
         std::uint64_t chunks = 0;
         std::int64_t downloadCurrentIndex = 0;
     };
