@@ -40,6 +40,7 @@ void TestX11::initTestCase()
         QSKIP("needs an X11 display (run under xvfb-run)");
     platform = makeLinuxPlatform();
     QVERIFY(platform.accessibility->isProcessTrusted(false));
+    QVERIFY(platform.services->isApplicationRunning("tst_x11") && !platform.services->isApplicationRunning("no-such-program"));
 }
 
 void TestX11::clipboard()

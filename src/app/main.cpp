@@ -18,7 +18,7 @@ int main(int argc, char *argv[])
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", session.qtPlatform());
     QApplication app(argc, argv);
-    qCInfo(lcDesktop).noquote() << session.description();
+    qCInfo(lcDesktop).noquote() << session.summary();
     // A background agent: closing the progress window, the chooser or an alert must
     // never end it; it ends when the host application is gone.
     app.setQuitOnLastWindowClosed(false);

@@ -153,8 +153,6 @@ void AgentSimulator::onConnection()
     }
 }
 
-// Each answer is delayed on its own, as a far network delays every packet: queries that
-// arrive together are answered together, one round trip later.
 void AgentSimulator::send(const google::protobuf::MessageLite &message, FrameType type)
 {
     const QByteArray frame = kx::encodeFrame(message, type);
@@ -173,6 +171,8 @@ void AgentSimulator::send(const google::protobuf::MessageLite &message, FrameTyp
     deliver(frame);
 }
 
+// Each answer is delayed on its own, as a far network delays every packet: queries that
+// arrive together are answered together, one round trip later.
 void AgentSimulator::deliver(const QByteArray &frame)
 {
     QPointer<QWebSocket> client = m_client;

@@ -39,16 +39,17 @@ void AgentSimulator::streamFrame(bool text, quint64 length)
         header += char((length >> shift) & 0xff);
     m_transport->write(header);
     auto left = std::make_shared<quint64>(length);
-    auto more = [this, left] {
+    auto feeding = std::make_shared<QMetaObject::Connection>();
+    auto more = [this, left, feeding] {
         while (m_transport && *left > 0 && m_transport->bytesToWrite() < 2 * piece) {
             const qint64 n = qint64(std::min<quint64>(*left, piece));
             m_transport->write(QByteArray(n, 'x'));
             *left -= quint64(n);
         }
-        if (*left == 0)
+        if (*left == 0 && disconnect(*feeding)) // told once, when the last piece is queued
             say(QStringLiteral("attack sent: a %1 message of %2 bytes").arg(m_options.attack).arg(hugeMessage));
     };
-    connect(m_transport, &QTcpSocket::bytesWritten, this, more);
+    *feeding = connect(m_transport, &QTcpSocket::bytesWritten, this, more);
     more();
 }
 

@@ -19,7 +19,7 @@ QByteArray DesktopSession::qtPlatform() const
     return kind == Kind::wayland ? "wayland;offscreen" : "offscreen";
 }
 
-QString DesktopSession::description() const
+QString DesktopSession::summary() const
 {
     switch (kind) {
     case Kind::x11:

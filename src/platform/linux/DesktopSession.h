@@ -17,5 +17,5 @@ struct DesktopSession
     // The Qt platform to run the desktop side on, unless the user chose one.
     QByteArray qtPlatform() const;
     // One line for the log: the session, and how a paste is started in it.
-    QString description() const;
+    QString summary() const;
 };

@@ -15,10 +15,9 @@ void LinuxSystemServices::openUrl(const QUrl &url)
 
 bool LinuxSystemServices::isApplicationRunning(const QString &id)
 {
+    // Every folder of /proc: those that are no process have neither exe nor comm.
     const QStringList pids = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString &pid : pids) {
-        if (pid.isEmpty() || !pid.at(0).isDigit())
-            continue;
         // comm is cut at 15 characters; the executable's own name is the full one.
         const QString exe = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
         if (!exe.isEmpty() && QFileInfo(exe).fileName() == id)
