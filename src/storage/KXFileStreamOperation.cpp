@@ -27,22 +27,12 @@ namespace {
 // so a hostile request cannot make us allocate gigabytes. Shorter answers are legal.
 constexpr std::uint64_t maxReadLength = 64ull * 1024 * 1024;
 
+// A regular file on a local disk takes a write of up to 2 GiB whole, or stops short because
+// it ran out of room or hit a size limit, where a second try would fail anyway. What we
+// write at once is one reply, at most a 64 MiB message.
 bool writeAll(int fd, const char *data, std::uint64_t size, std::uint64_t offset)
 {
-    while (size > 0) {
-        const ssize_t written = ::pwrite(fd, data, size, off_t(offset));
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (written == 0)
-            return false;
-        data += written;
-        size -= std::uint64_t(written);
-        offset += std::uint64_t(written);
-    }
-    return true;
+    return ::pwrite(fd, data, size, off_t(offset)) == ssize_t(size);
 }
 
 // Into a QByteArray or a std::string: an answer to the remote side is read straight into
@@ -50,27 +40,18 @@ bool writeAll(int fd, const char *data, std::uint64_t size, std::uint64_t offset
 template <typename Buffer>
 bool readAt(int fd, std::uint64_t offset, std::uint64_t length, Buffer &data)
 {
-    if (fd < 0)
-        return false;
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
         return false;
     const std::uint64_t size = std::uint64_t(st.st_size);
     length = offset >= size ? 0 : std::min({length, size - offset, maxReadLength});
     data.resize(decltype(data.size())(length));
-    std::uint64_t done = 0;
-    while (done < length) {
-        const ssize_t got = ::pread(fd, data.data() + done, length - done, off_t(offset + done));
-        if (got < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (got == 0)
-            break;
-        done += std::uint64_t(got);
-    }
-    data.resize(decltype(data.size())(done));
+    // A regular file gives all that was asked for in one read, short of its end only when
+    // it shrank meanwhile; then what it still had is the answer.
+    const ssize_t got = ::pread(fd, data.data(), length, off_t(offset));
+    if (got < 0)
+        return false;
+    data.resize(decltype(data.size())(got));
     return true;
 }
 
@@ -111,11 +92,6 @@ std::uint64_t offsetInFileOf(int fd)
 }
 
 } // namespace
-
-KXFileStreamOperation::~KXFileStreamOperation()
-{
-    closeFile();
-}
 
 KXFileStreamOperation &KXFileStreamOperation::sharedOperation()
 {
@@ -242,8 +218,8 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     if (!write) {
         if (!operation->getFileInfoAtPath(path))
             return nullptr;
-        operation->m_readFd = openRegularForReading(path);
-        return operation->m_readFd >= 0 ? std::move(operation) : nullptr;
+        operation->m_readFd.reset(openRegularForReading(path));
+        return operation->hasReadHandle() ? std::move(operation) : nullptr;
     }
 
     QString base = downloadDirectory();
@@ -286,7 +262,7 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     operation->fileName = parts.last();
     operation->fileSize = 0;
     qCInfo(lcStream).noquote().nospace() << "创建path成功：" << fullPath;
-    operation->m_writeFd = file.release();
+    operation->m_writeFd = std::move(file);
     return operation;
 }
 
@@ -300,38 +276,32 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     if (forReadOperation) {
         if (!operation->getFileInfoAtPath(path))
             return nullptr;
-        operation->m_readFd = openRegularForReading(path);
-        if (operation->m_readFd < 0)
+        operation->m_readFd.reset(openRegularForReading(path));
+        if (!operation->hasReadHandle())
             return nullptr;
         operation->cutFileForFragments(fileSegmentSize);
         return operation;
     }
     // An existing file is kept as it is: this initializer resumes, it does not replace.
-    const int fd = ::open(nativePath.constData(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0644);
-    if (!operation->getFileInfoAtPath(path)) {
-        if (fd >= 0)
-            ::close(fd);
+    operation->m_writeFd.reset(::open(nativePath.constData(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0644));
+    if (!operation->getFileInfoAtPath(path))
         return nullptr;
-    }
-    operation->m_writeFd = fd;
     return operation;
 }
 
 std::optional<QByteArray> KXFileStreamOperation::readDateOffSet(std::uint64_t offset, std::uint64_t length) const
 {
-    return readAt(m_readFd, offset, length);
+    return readAt(m_readFd.get(), offset, length);
 }
 
 bool KXFileStreamOperation::readDateOffSet(std::uint64_t offset, std::uint64_t length, std::string &data) const
 {
-    return readAt(m_readFd, offset, length, data);
+    return readAt(m_readFd.get(), offset, length, data);
 }
 
 bool KXFileStreamOperation::writeDateOffSet(std::uint64_t offset, const QByteArray &data)
 {
-    if (m_writeFd < 0)
-        return false;
-    return writeAll(m_writeFd, data.constData(), std::uint64_t(data.size()), offset);
+    return hasWriteHandle() && writeAll(m_writeFd.get(), data.constData(), std::uint64_t(data.size()), offset);
 }
 
 void KXFileStreamOperation::cutFileForFragments(std::int64_t segmentSize)
@@ -361,9 +331,9 @@ std::optional<QByteArray> KXFileStreamOperation::readDateOfFragment(const std::o
 
 std::optional<QByteArray> KXFileStreamOperation::readDataOfLength(std::uint64_t length)
 {
-    const auto data = readAt(m_readFd, offsetInFileOf(m_readFd), length);
+    const auto data = readAt(m_readFd.get(), offsetInFileOf(m_readFd.get()), length);
     if (data)
-        ::lseek(m_readFd, off_t(data->size()), SEEK_CUR);
+        ::lseek(m_readFd.get(), off_t(data->size()), SEEK_CUR);
     return data;
 }
 
@@ -376,39 +346,33 @@ bool KXFileStreamOperation::writeData(const QByteArray &data)
 {
     if (!hasWriteHandle())
         return false;
-    const std::uint64_t at = offsetInFileOf(m_writeFd);
-    if (!writeAll(m_writeFd, data.constData(), std::uint64_t(data.size()), at))
+    const std::uint64_t at = offsetInFileOf(m_writeFd.get());
+    if (!writeAll(m_writeFd.get(), data.constData(), std::uint64_t(data.size()), at))
         return false;
-    ::lseek(m_writeFd, off_t(at + std::uint64_t(data.size())), SEEK_SET);
+    ::lseek(m_writeFd.get(), off_t(at + std::uint64_t(data.size())), SEEK_SET);
     return true;
 }
 
 void KXFileStreamOperation::seekToFileOffset(std::uint64_t offset)
 {
-    if (m_readFd >= 0)
-        ::lseek(m_readFd, off_t(offset), SEEK_SET);
+    ::lseek(m_readFd.get(), off_t(offset), SEEK_SET); // a closed handle: EBADF, nothing moves
 }
 
 std::uint64_t KXFileStreamOperation::offsetInFile() const
 {
-    return offsetInFileOf(isReadOperation ? m_readFd : m_writeFd);
+    return offsetInFileOf(isReadOperation ? m_readFd.get() : m_writeFd.get());
 }
 
 std::uint64_t KXFileStreamOperation::seekToEndOfFile()
 {
-    const off_t end = ::lseek(isReadOperation ? m_readFd : m_writeFd, 0, SEEK_END);
+    const off_t end = ::lseek(isReadOperation ? m_readFd.get() : m_writeFd.get(), 0, SEEK_END);
     return end < 0 ? 0 : std::uint64_t(end);
 }
 
 void KXFileStreamOperation::closeFile()
 {
-    if (m_readFd >= 0) {
-        ::close(m_readFd);
-        m_readFd = -1;
-    } else if (m_writeFd >= 0) {
-        ::close(m_writeFd);
-        m_writeFd = -1;
-    }
+    m_readFd.reset();
+    m_writeFd.reset();
 }
 
 QCborMap KXFileStreamOperation::encode() const

@@ -20,7 +20,7 @@ class KXFileStreamOperation
 {
 public:
     KXFileStreamOperation() = default;
-    ~KXFileStreamOperation();
+    ~KXFileStreamOperation() = default;
     KXFileStreamOperation(const KXFileStreamOperation &) = delete;
     KXFileStreamOperation &operator=(const KXFileStreamOperation &) = delete;
 
@@ -81,11 +81,11 @@ public:
     bool isReadOperation = false;
     std::optional<QString> basePath;
 
-    bool hasReadHandle() const { return m_readFd >= 0; }
-    int writeDescriptor() const { return m_writeFd; }
-    bool hasWriteHandle() const { return m_writeFd >= 0; }
+    bool hasReadHandle() const { return m_readFd.valid(); }
+    int writeDescriptor() const { return m_writeFd.get(); }
+    bool hasWriteHandle() const { return m_writeFd.valid(); }
 
 private:
-    int m_readFd = -1;
-    int m_writeFd = -1;
+    UniqueFd m_readFd;
+    UniqueFd m_writeFd;
 };
