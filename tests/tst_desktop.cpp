@@ -12,6 +12,8 @@
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QLabel>
+#include <QLocale>
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
@@ -24,12 +26,16 @@ class NotificationService : public QObject
 public:
     QList<QStringList> actions; // of each Notify, in order
     QList<uint> replaced, closed;
+    QVariantMap hints;
+    int timeout = -2;
 public slots:
     uint Notify(const QString &, uint replaces, const QString &, const QString &, const QString &,
-                const QStringList &actionList, const QVariantMap &, int)
+                const QStringList &actionList, const QVariantMap &hintMap, int expireTimeout)
     {
         actions.append(actionList);
         replaced.append(replaces);
+        hints = hintMap;
+        timeout = expireTimeout;
         return replaces ? replaces : 41 + uint(actions.size());
     }
     void CloseNotification(uint id) { closed.append(id); }
@@ -53,7 +59,7 @@ private slots:
 
 private:
     void start(const QStringList &extra = {});
-    void serve(const QTemporaryDir &dest, int files);
+    void serve(const QTemporaryDir &dest, int files, const QString &stem = "f");
     FakePlatformState state;
     std::unique_ptr<Platform> platform;
     LoopbackFrameSink sink;
@@ -221,9 +227,13 @@ void TestDesktop::windowAndAlerts()
     QVERIFY(!idle.isVisible());
 
     start();
+    QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
+    QCOMPARE(controller->progressIndicator()->value(), 0);
     QTRY_VERIFY(!controller->isVisible()); // hidden half a second after loading
     controller->handlePasteProgress(0.25);
     QTRY_VERIFY(controller->isVisible());
+    const QString none = QLocale().formattedDataSize(0);
+    QCOMPARE(controller->detailLabel()->text(), "\n" + none + " of " + none); // no paste: no name, nothing saved
     QCOMPARE(controller->size(), QSize(400, 200));
     QVERIFY(!controller->stopBtn()->isHidden() && controller->stopBtn()->geometry() == ViewController::stopButtonArea
             && controller->progressIndicator()->geometry() == ViewController::progressArea);
@@ -245,16 +255,22 @@ void TestDesktop::windowAndAlerts()
 
 // The remote side's part of a paste of these files, each of 300000 bytes, into dest:
 // the list offered, every query answered.
-void TestDesktop::serve(const QTemporaryDir &dest, int files)
+void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &stem)
 {
     auto *chooser = new ScriptedChooser;
     chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
     this->files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
     FileSDK::MacCliprdrFormatDataResponse list;
     for (int i = 0; i < files; ++i)
-        *list.add_filedes() = descriptor(QStringLiteral("f%1").arg(i), 300000);
+        *list.add_filedes() = descriptor(stem + QString::number(i), 300000);
     sink.deliver(kx::encodeFrame(list, FrameType::formatDataResponse));
     QCOMPARE(sink.sent.size(), std::min(files, controller->window())); // the sizes asked for at once
+    controller->handlePasteProgress(0.0);
+    QTRY_VERIFY(controller->isVisible());
+    const QString shown = controller->detailLabel()->text().section('\n', 0, 0); // the first file's name, fitted
+    QVERIFY2(controller->detailLabel()->fontMetrics().horizontalAdvance(shown) <= ViewController::detailArea.width()
+                 && (shown == stem + "0" || (stem.size() > 60 && shown.contains(QChar(0x2026)))),
+             qPrintable(shown));
     while (!sink.sent.isEmpty()) {
         const auto q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1));
         const QByteArray part = pattern(300000, int(q->listindex())).mid(qsizetype(kx::queryOffset(*q)), q->cbrequested());
@@ -264,7 +280,7 @@ void TestDesktop::serve(const QTemporaryDir &dest, int files)
     QTRY_COMPARE(state.alerts.size(), 1);
     QCOMPARE(state.alerts.first().message, QStringLiteral("下载成功"));
     for (int i = 0; i < files; ++i)
-        QCOMPARE(readFile(dest.filePath(QStringLiteral("f%1").arg(i))), pattern(300000, i));
+        QCOMPARE(readFile(dest.filePath(stem + QString::number(i))), pattern(300000, i));
 }
 
 // Ctrl+V to the alert, through the watcher's wrappers and the window argument.
@@ -277,7 +293,7 @@ void TestDesktop::pasteThroughCtrlV()
     state.press(true, "v");
     QCOMPARE(sink.sent.size(), 1);
     sink.sent.clear();
-    serve(dest, 3);
+    serve(dest, 3, QString(120, 'n'));
     QVERIFY(log.containsPrefix("当前的百分比：") && log.contains("Progress: 1"));
 }
 
@@ -300,6 +316,8 @@ void TestDesktop::pasteFromTheNotification()
     const QByteArray copy = kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList);
     sink.deliver(copy);
     QTRY_COMPARE(service.actions, (QList<QStringList>{{"paste", "Paste…"}}));
+    // Stays until answered or withdrawn, at normal urgency.
+    QVERIFY(service.timeout == 0 && service.hints.value("resident").toBool() && service.hints.value("urgency").toInt() == 1);
     sink.deliver(copy); // a newer remote copy replaces it
     QTRY_COMPARE(service.replaced, (QList<uint>{0, 42}));
     QDBusMessage invoked = QDBusMessage::createSignal("/org/freedesktop/Notifications", "org.freedesktop.Notifications", "ActionInvoked");

@@ -6,6 +6,7 @@
 #include "TestCertificate.h"
 
 #include <QElapsedTimer>
+#include <QTimer>
 #include <QWebSocket>
 
 using Attack = std::function<void(EngineHarness &)>;
@@ -126,11 +127,14 @@ void TestIntegration::errorsAndReplacedClients()
     QCOMPARE(log.count("重连中无需再次重连"), 1);
 
     TestAgent first, second;
-    manager.connect(first.ip() + ":" + first.port() + "/tok");
+    manager.connect(first.ip() + ":" + first.port() + "/tok"); // before the reconnection waiting to run
     QTRY_VERIFY(first.hasClient() && manager.isConnected());
+    for (QTimer *timer : manager.findChildren<QTimer *>(Qt::FindDirectChildrenOnly))
+        QVERIFY(!timer->isActive()); // connected: no time-out and no reconnection pending
     QPointer<QWebSocket> old = manager.socket();
+    old->abort(); // its end is reported one turn later, by which time a new client replaced it
     manager.connect(second.ip() + ":" + second.port() + "/tok");
-    QTRY_VERIFY(second.hasClient() && !first.hasClient() && !old);
+    QTRY_VERIFY(second.hasClient() && !first.hasClient() && !old && manager.isConnected());
     QCOMPARE(delegate.disconnects, 2); // the replaced client's end is not the new one's
     QWebSocket *current = manager.socket();
     manager.connect("ws://bad host:port/x y");

@@ -41,6 +41,17 @@ void TestX11::initTestCase()
     platform = makeLinuxPlatform();
     QVERIFY(platform.accessibility->isProcessTrusted(false));
     QVERIFY(platform.services->isApplicationRunning("tst_x11") && !platform.services->isApplicationRunning("no-such-program"));
+    // A host whose executable is gone (updated in place) is still known by its name, cut
+    // to the fifteen characters the kernel keeps.
+    QTemporaryDir dir;
+    const QString host = dir.filePath("a-host-of-long-name");
+    QVERIFY(QFile::copy("/bin/sleep", host));
+    QProcess running;
+    running.start(host, {"30"});
+    QVERIFY(running.waitForStarted() && QFile::remove(host));
+    QTRY_VERIFY(platform.services->isApplicationRunning("a-host-of-long-name"));
+    running.kill();
+    running.waitForFinished();
 }
 
 void TestX11::clipboard()
@@ -78,6 +89,8 @@ void TestX11::keyMonitor_data()
     QTest::newRow("ctrl+alt+v") << "ctrl+alt+v" << true << "v";
     QTest::newRow("v") << "v" << false << "v";
     QTest::newRow("ctrl+shift+v") << "ctrl+shift+v" << true << "V";
+    QTest::newRow("space, the first Latin-1 text") << "space" << false << " ";
+    QTest::newRow("no text") << "F5" << false << "";
 }
 
 void TestX11::keyMonitor()

@@ -188,7 +188,7 @@ void SocketManager::onDisconnected()
     // that explains it; handling the disconnect one turn later lets the error speak first.
     QPointer<QWebSocket> client = m_socket;
     QMetaObject::invokeMethod(this, [this, client] {
-        if (client && client == m_socket)
+        if (client == m_socket) // a client replaced meanwhile has ended for nobody
             finishDisconnected();
     }, Qt::QueuedConnection);
 }

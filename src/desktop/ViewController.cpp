@@ -29,7 +29,6 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
     setFixedSize(contentWidth, contentHeight);
     // Fixed places in a fixed window: the Stop button is where a script expects to click.
     m_detail = new QLabel(this);
-    m_detail->setWordWrap(true);
     m_detail->setGeometry(detailArea);
     m_progressIndicator = new QProgressBar(this);
     m_progressIndicator->setTextVisible(true);
@@ -91,8 +90,10 @@ void ViewController::updateDetail()
     if (!engine)
         return;
     const QLocale locale;
+    // A remote name may be as long as a path: its middle gives way, never the line below.
+    const QString name = m_detail->fontMetrics().elidedText(engine->currentFileName(), Qt::ElideMiddle, detailArea.width());
     m_detail->setText(tr("%1\n%2 of %3")
-                          .arg(engine->currentFileName(), locale.formattedDataSize(qint64(engine->savedBytes())),
+                          .arg(name, locale.formattedDataSize(qint64(engine->savedBytes())),
                                locale.formattedDataSize(qint64(engine->totalBytes()))));
 }
 

@@ -1,4 +1,5 @@
 #include "LinuxPlatform.h"
+#include "PlatformLog.h"
 
 #include "KXFileManager.h"
 #include "linux/LinuxSystemServices.h"
@@ -11,6 +12,8 @@
 #include "x11/X11KeyMonitor.h"
 
 #include <QSystemTrayIcon>
+
+Q_LOGGING_CATEGORY(lcPlatform, "kx.platform")
 
 Platform makeLinuxPlatform(const DesktopSession &session)
 {

@@ -5,7 +5,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <cstdio>
 #include <cstdlib>
 
 void LinuxSystemServices::openUrl(const QUrl &url)
@@ -36,6 +35,5 @@ QString LinuxSystemServices::applicationName() const
 
 void LinuxSystemServices::exitProcess(int status)
 {
-    std::fflush(stdout);
-    std::exit(status);
+    std::exit(status); // flushes what is still buffered for the log
 }

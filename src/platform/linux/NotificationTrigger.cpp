@@ -1,8 +1,8 @@
 #include "NotificationTrigger.h"
 
+#include "PlatformLog.h"
+
 #include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
 #include <QVariantMap>
 
 namespace {
@@ -20,6 +20,10 @@ NotificationTrigger::NotificationTrigger(QDBusConnection bus)
     m_bus.connect(service, path, interface, QStringLiteral("ActionInvoked"), this, SLOT(actionInvoked(uint, QString)));
     m_bus.connect(service, path, interface, QStringLiteral("NotificationClosed"), this,
                   SLOT(notificationClosed(uint, uint)));
+    if (m_bus.isConnected())
+        qCInfo(lcPlatform).noquote() << "the notification's Paste… is offered through" << service;
+    else
+        qCInfo(lcPlatform).noquote() << "no session bus: the notification's Paste… cannot be offered";
 }
 
 void NotificationTrigger::setOffered(bool offered)
@@ -41,19 +45,22 @@ void NotificationTrigger::notify()
            << QStringList{pasteAction, QStringLiteral("Paste…")}
            << QVariantMap{{QStringLiteral("resident"), true}, {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)}}
            << 0;
-    m_inFlight = true;
-    auto *watcher = new QDBusPendingCallWatcher(m_bus.asyncCall(message), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
-        watcher->deleteLater();
-        m_inFlight = false;
-        const QDBusPendingReply<uint> reply = *watcher;
-        if (!reply.isError())
-            m_id = reply.value();
-        if (!m_offered)
-            withdraw();
-        else if (std::exchange(m_again, false)) // a newer copy came meanwhile: it replaces this one
-            notify();
-    });
+    m_inFlight = m_bus.callWithCallback(message, this, SLOT(shown(uint)), SLOT(settle()));
+}
+
+void NotificationTrigger::shown(uint id)
+{
+    m_id = id;
+    settle();
+}
+
+void NotificationTrigger::settle()
+{
+    m_inFlight = false;
+    if (!m_offered)
+        withdraw();
+    else if (std::exchange(m_again, false)) // a newer copy came meanwhile: it replaces this one
+        notify();
 }
 
 void NotificationTrigger::withdraw()
@@ -62,7 +69,7 @@ void NotificationTrigger::withdraw()
         return;
     QDBusMessage close = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("CloseNotification"));
     close << m_id;
-    m_bus.asyncCall(close);
+    m_bus.send(close);
     m_id = 0;
 }
 

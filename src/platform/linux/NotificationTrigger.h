@@ -20,6 +20,8 @@ public:
 private slots:
     void actionInvoked(uint id, const QString &action);
     void notificationClosed(uint id, uint reason);
+    void shown(uint id);
+    void settle();
 
 private:
     void notify();

@@ -7,7 +7,7 @@
 bool X11Accessibility::isProcessTrusted(bool prompt)
 {
     Q_UNUSED(prompt);
-    return QGuiApplication::platformName() == QLatin1String("xcb") && X11KeyMonitor::available();
+    return X11KeyMonitor::available();
 }
 
 QString X11Accessibility::missingCapability() const

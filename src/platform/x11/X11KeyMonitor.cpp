@@ -16,13 +16,13 @@ namespace {
 // the version servers of the last decade announce, and the one the grab test runs on.
 bool openXInput2(Display *display, int *opcode)
 {
-    int event = 0;
-    int error = 0;
-    if (!XQueryExtension(display, "XInputExtension", opcode, &event, &error))
-        return false;
     int major = 2;
     int minor = 2;
-    return XIQueryVersion(display, &major, &minor) == Success && (major > 2 || minor >= 2);
+    if (XIQueryVersion(display, &major, &minor) != Success || (major == 2 && minor < 2))
+        return false;
+    int event = 0;
+    int error = 0;
+    return XQueryExtension(display, "XInputExtension", opcode, &event, &error);
 }
 
 constexpr int resyncDelayMs = 1000;
