@@ -26,7 +26,7 @@ class NotificationService : public QObject
 public:
     QList<QStringList> actions; // of each Notify, in order
     QList<uint> replaced, closed;
-    QVariantMap hints;
+    QVariantMap hints; // and time-out, of the last
     int timeout = -2;
 public slots:
     uint Notify(const QString &, uint replaces, const QString &, const QString &, const QString &,
@@ -161,7 +161,6 @@ void TestDesktop::keyChords_data()
     QTest::newRow("Ctrl+V") << true << "v" << true;
     QTest::newRow("V alone") << false << "v" << false;
     QTest::newRow("Ctrl+Shift+V") << true << "V" << false;
-    QTest::newRow("Ctrl+C") << true << "c" << false;
     QTest::newRow("no characters") << true << "" << false;
 }
 
@@ -268,9 +267,8 @@ void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &ste
     controller->handlePasteProgress(0.0);
     QTRY_VERIFY(controller->isVisible());
     const QString shown = controller->detailLabel()->text().section('\n', 0, 0); // the first file's name, fitted
-    QVERIFY2(controller->detailLabel()->fontMetrics().horizontalAdvance(shown) <= ViewController::detailArea.width()
-                 && (shown == stem + "0" || (stem.size() > 60 && shown.contains(QChar(0x2026)))),
-             qPrintable(shown));
+    QVERIFY(controller->detailLabel()->fontMetrics().horizontalAdvance(shown) <= ViewController::detailArea.width());
+    QVERIFY2(shown == stem + "0" || (stem.size() > 60 && shown.contains(QChar(0x2026))), qPrintable(shown));
     while (!sink.sent.isEmpty()) {
         const auto q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1));
         const QByteArray part = pattern(300000, int(q->listindex())).mid(qsizetype(kx::queryOffset(*q)), q->cbrequested());

@@ -42,21 +42,12 @@ void TestProtocol::serializedBytes_data()
     QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<QByteArray>("expected");
 
-    FileSDK::CliprdrFileContentsRequest sizeQuery;
-    sizeQuery.set_streamid(7);
-    sizeQuery.set_dwflags(1);
-    sizeQuery.set_cbrequested(8);
-    QTest::newRow("size query without header") << kx::serialize(sizeQuery) << hex("10 07 20 01 38 08");
     FileSDK::FileDescriptorw descriptor;
     descriptor.set_nfilesizelow(5);
     QTest::newRow("descriptor with only nFileSizeLow") << kx::serialize(descriptor) << hex("58 05");
     FileSDK::CliprdrFormatDataRequest zeroHeader;
     *zeroHeader.mutable_header() = kx::makeHeader(0, 0, 0, 0);
     QTest::newRow("present all-zero header is still written") << kx::serialize(zeroHeader) << hex("0a 00");
-    FileSDK::MacCliprdrFormatDataResponse twoDescriptors;
-    twoDescriptors.add_filedes()->set_nfilesizelow(1);
-    twoDescriptors.add_filedes()->set_nfilesizelow(2);
-    QTest::newRow("repeated descriptors, in order") << kx::serialize(twoDescriptors) << hex("12 02 58 01 12 02 58 02");
     QTest::newRow("range query past 4 GiB: both halves")
         << kx::serialize(kx::makeContentsQuery(3, 1, 2, (quint64(1) << 32) + 262144, 262144))
         << hex("10 03 18 01 20 02 28 80 80 10 30 01 38 80 80 10");
@@ -106,7 +97,6 @@ void TestProtocol::fileTimes_data()
     QTest::addColumn<QDateTime>("date");
     QTest::addColumn<quint64>("expected");
     QTest::newRow("2020, fraction dropped") << QDateTime(QDate(2020, 1, 1), QTime(0, 0, 0, 750), Qt::UTC) << Q_UINT64_C(132223104000000000);
-    QTest::newRow("before 1970") << QDateTime(QDate(1969, 7, 20), QTime(20, 17, 40), Qt::UTC) << Q_UINT64_C(116302906600000000);
     QTest::newRow("half a second before 1970") << QDateTime::fromMSecsSinceEpoch(-500, Qt::UTC) << Q_UINT64_C(116444735990000000);
     QTest::newRow("before 1601") << QDateTime(QDate(1500, 1, 1), QTime(0, 0), Qt::UTC) << Q_UINT64_C(0);
     QTest::newRow("no date") << QDateTime() << Q_UINT64_C(0);

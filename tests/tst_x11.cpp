@@ -44,14 +44,12 @@ void TestX11::initTestCase()
     // A host whose executable is gone (updated in place) is still known by its name, cut
     // to the fifteen characters the kernel keeps.
     QTemporaryDir dir;
-    const QString host = dir.filePath("a-host-of-long-name");
-    QVERIFY(QFile::copy("/bin/sleep", host));
-    QProcess running;
-    running.start(host, {"30"});
-    QVERIFY(running.waitForStarted() && QFile::remove(host));
+    QProcess host;
+    QVERIFY(QFile::copy("/bin/sleep", dir.filePath("a-host-of-long-name")));
+    host.start(dir.filePath("a-host-of-long-name"), {"30"});
+    QVERIFY(host.waitForStarted() && QFile::remove(dir.filePath("a-host-of-long-name")));
     QTRY_VERIFY(platform.services->isApplicationRunning("a-host-of-long-name"));
-    running.kill();
-    running.waitForFinished();
+    host.kill();
 }
 
 void TestX11::clipboard()

@@ -53,10 +53,22 @@ start_app() {
 }
 
 # focus_window TITLE-REGEX: the first visible window of that title, focused; its id.
+# find_window NAME: the id of a visible window whose name matches, within 20 s. A search
+# ends in an X error when a window closes while it is being looked at (the chooser
+# going away), so it is asked again rather than trusted to wait.
+find_window() {
+  local id _
+  for _ in $(seq 100); do
+    id=$(xdotool search --onlyvisible --name "$1" 2> /dev/null | head -1)
+    [ -n "$id" ] && echo "$id" && return 0
+    sleep 0.2
+  done
+  return 1
+}
+
 focus_window() {
   local id
-  id=$(timeout 20 xdotool search --sync --onlyvisible --name "$1" | head -1)
-  [ -n "$id" ] || return 1
+  id=$(find_window "$1") || return 1
   xdotool windowfocus --sync "$id"
   echo "$id"
 }
