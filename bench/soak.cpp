@@ -9,6 +9,7 @@
 #include "FrameAllocator.h"
 #include "KXFileManager.h"
 #include "PasteboardAccess.h"
+#include "ProcessMemory.h"
 #include "LogOutput.h"
 
 #include <QCoreApplication>
@@ -67,14 +68,6 @@ QMap<QString, QByteArray> digest(const QString &root)
         tree.insert(QDir(root).relativeFilePath(path), QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256));
     }
     return tree;
-}
-
-qint64 residentKiB()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    status.open(QIODevice::ReadOnly);
-    static const QRegularExpression rss(QStringLiteral("VmRSS:\\s+(\\d+) kB"));
-    return rss.match(QString::fromLatin1(status.readAll())).captured(1).toLongLong();
 }
 
 enum class Fault { none, drop, removeFolder, removeSource };
@@ -195,12 +188,12 @@ int main(int argc, char *argv[])
             }
         }
         if (n == 50)
-            residentAfter50 = residentKiB();
+            residentAfter50 = kx::residentKiB();
         if (n % 100 == 0)
-            std::fprintf(out, "soak: %d transfers, resident %lld KiB\n", n, residentKiB());
+            std::fprintf(out, "soak: %d transfers, resident %lld KiB\n", n, qint64(kx::residentKiB()));
     }
 
-    const qint64 residentLast = residentKiB();
+    const qint64 residentLast = kx::residentKiB();
     const double growth = residentAfter50 > 0 ? double(residentLast - residentAfter50) / double(residentAfter50) : 0;
     std::fprintf(out, "pastes: %d byte-identical, %d ended by their fault as expected, %d done before the fault, %d wrong\n",
                 paste.clean, paste.faulted, paste.faultTooLate, paste.wrong);

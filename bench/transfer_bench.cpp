@@ -6,6 +6,7 @@
 #include "FrameAllocator.h"
 #include "KXFileManager.h"
 #include "PasteboardAccess.h"
+#include "ProcessMemory.h"
 #include "LogOutput.h"
 
 #include <QCoreApplication>
@@ -14,7 +15,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <algorithm>
@@ -59,18 +59,7 @@ void makeManyFiles(const QString &folder, int count)
 // Peak resident memory of this process since the last reset, in MiB.
 double peakResidentMiB()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    status.open(QIODevice::ReadOnly);
-    static const QRegularExpression hwm(QStringLiteral("VmHWM:\\s+(\\d+) kB"));
-    const auto match = hwm.match(QString::fromLatin1(status.readAll()));
-    return match.hasMatch() ? match.captured(1).toDouble() / 1024.0 : -1;
-}
-
-void resetPeakResident()
-{
-    QFile clear(QStringLiteral("/proc/self/clear_refs"));
-    if (clear.open(QIODevice::WriteOnly))
-        clear.write("5");
+    return double(kx::peakResidentKiB()) / 1024.0;
 }
 
 struct Row
@@ -182,7 +171,7 @@ void bigFile(const PathOf &path, qint64 bigSize)
         QFile::remove(path("cp-copy.bin"));
         for (Way &way : ways) {
             syncDisk();
-            resetPeakResident();
+            kx::resetPeakResident();
             way.ms.append(way.transfer() + syncDisk());
             way.peak = std::max(way.peak, peakResidentMiB());
             QDir(path("dest")).removeRecursively();
@@ -225,7 +214,7 @@ void manyFiles(const PathOf &path, int few)
         syncDisk();
         const qint64 pasteFew = paste(path("offer-few"), path("dest-few-" + w), 0, window);
         syncDisk();
-        resetPeakResident();
+        kx::resetPeakResident();
         const qint64 pasteMany = paste(path("offer-many"), path("dest-many-" + w), 0, window);
         const double pastePeak = peakResidentMiB();
         row(QStringLiteral("paste of %1 files of 4 KiB%2").arg(few).arg(suffix), rate(few, pasteFew));
@@ -236,7 +225,7 @@ void manyFiles(const PathOf &path, int few)
     syncDisk();
     const qint64 serveFew = serve({QUrl::fromLocalFile(path("offer-few/tree"))}, path("inbox-few"));
     syncDisk();
-    resetPeakResident();
+    kx::resetPeakResident();
     const qint64 serveMany = serve({QUrl::fromLocalFile(path("offer-many/tree"))}, path("inbox-many"));
     const double servePeak = peakResidentMiB();
     row(QStringLiteral("copy (served) of %1 files of 4 KiB").arg(few), rate(few, serveFew));
@@ -251,7 +240,7 @@ void farDesktop(const PathOf &path, qint64 size)
 {
     writeRandom(path("offer-rtt/far.bin"), size);
     for (int window : {1, 8, 16}) {
-        resetPeakResident();
+        kx::resetPeakResident();
         const qint64 ms = paste(path("offer-rtt"), path("dest-rtt"), 20, window);
         QDir(path("dest-rtt")).removeRecursively();
         const double bound = window * 262144.0 / 1048576.0 / 0.020;

@@ -209,19 +209,22 @@ void TestCopy::aPeerThatStopsReading()
     QVERIFY(writeFile(item("f"), pattern(1000, 2)));
     copy({"f"});
     QVERIFY(requestList());
-    h->sink.queuedBytes = 9 << 20;
+    h->sink.queuedBytes = 4 << 20; // up to 4 MiB queued, a request is answered at once
+    QVERIFY(ask(query(0, 2, 0, 1)));
+    h->sink.queuedBytes = (8 << 20) + 1;
     for (std::uint32_t i = 0; i < 3; ++i)
         h->send(kx::makeContentsQuery(i, 0, 2, i * 100, 100), FrameType::fileContentsRequest);
     h->send(QByteArray(1, 3)); // a list request waits behind them
     QVERIFY(!h->nextFrame(0));
     h->sink.drain(4 << 20);
     QVERIFY(!h->nextFrame(0)); // still more than 4 MiB
-    h->sink.drain(4 << 20);
+    h->sink.drain(1); // back to 4 MiB: one is answered, which fills the queue again
     for (std::uint32_t i = 0; i < 3; ++i) {
         const auto answer = h->next<Answer>(FrameType::fileContentsResponse, 0);
         QVERIFY(answer);
         QCOMPARE(answer->streamid(), i);
         QCOMPARE(QByteArray::fromStdString(answer->requesteddata()), pattern(1000, 2).mid(i * 100, 100));
+        h->sink.drain(1 << 20);
     }
     QVERIFY(h->next<FileSDK::MacCliprdrFormatDataResponse>(FrameType::formatDataResponse, 0));
 

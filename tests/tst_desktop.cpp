@@ -204,9 +204,12 @@ void TestDesktop::hostAndPermission()
     QCOMPARE(state.alerts.first().message, QStringLiteral("使用复制粘贴功能，请授权TestApp应用"));
     QCOMPARE(state.alerts.first().buttons, (QStringList{"授权成功后，点此按钮重启应用", "暂不使用复制粘贴"}));
     QCOMPARE(state.openedUrls, QList<QUrl>{QUrl("settings:accessibility")});
+    state.alertAnswers = {1001}; // "not now" opens nothing
+    watcher->showAccessibilityAlert();
+    QCOMPARE(state.openedUrls.size(), 1);
     // Still not granted: a log line only. Granted later: the restart alert; "现在重启" ends.
     state.permissionChanged();
-    QVERIFY(log.contains("用户未授权辅助功能") && state.alerts.size() == 1);
+    QVERIFY(log.contains("用户未授权辅助功能") && state.alerts.size() == 2);
     state.trusted = true;
     state.alertAnswers = {1001, 1000};
     state.permissionChanged();
@@ -250,6 +253,11 @@ void TestDesktop::windowAndAlerts()
     QCOMPARE(state.alerts.last().message, QStringLiteral("下载成功"));
     QVERIFY(log.contains("所有文件粘贴成功") && !controller->isVisible());
     QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
+    // Stopped, the watcher holds no key monitor: one installed since is not its to remove.
+    controller->watcher()->stopWatching();
+    QVERIFY(!state.keyMonitorInstalled && platform->keyMonitor->install([](const KeyEvent &) {}));
+    controller.reset();
+    QVERIFY(state.keyMonitorInstalled);
 }
 
 // The remote side's part of a paste of these files, each of 300000 bytes, into dest:
@@ -270,10 +278,9 @@ void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &ste
     QVERIFY(controller->detailLabel()->fontMetrics().horizontalAdvance(shown) <= ViewController::detailArea.width());
     QVERIFY2(shown == stem + "0" || (stem.size() > 60 && shown.contains(QChar(0x2026))), qPrintable(shown));
     while (!sink.sent.isEmpty()) {
-        const auto q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1));
-        const QByteArray part = pattern(300000, int(q->listindex())).mid(qsizetype(kx::queryOffset(*q)), q->cbrequested());
-        sink.deliver(kx::encodeFrame(kx::makeContentsAnswer(q->streamid(), q->dwflags() == 1 ? std::string(8, 0) : part.toStdString()),
-                                     FrameType::fileContentsResponse));
+        const Query q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1)).value();
+        const QByteArray answer = answerFor(q, pattern(300000, int(q.listindex())));
+        sink.deliver(kx::encodeFrame(kx::makeContentsAnswer(q.streamid(), answer.toStdString()), FrameType::fileContentsResponse));
     }
     QTRY_COMPARE(state.alerts.size(), 1);
     QCOMPARE(state.alerts.first().message, QStringLiteral("下载成功"));

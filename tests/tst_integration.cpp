@@ -3,11 +3,14 @@
 // write outside the chosen folder, to exhaust our memory or to freeze us.
 #include "EngineHarness.h"
 #include "LogCapture.h"
+#include "ProcessMemory.h"
 #include "TestCertificate.h"
 
 #include <QElapsedTimer>
 #include <QTimer>
 #include <QWebSocket>
+
+#include <sys/stat.h>
 
 using Attack = std::function<void(EngineHarness &)>;
 Q_DECLARE_METATYPE(Attack)
@@ -139,6 +142,13 @@ void TestIntegration::errorsAndReplacedClients()
     QWebSocket *current = manager.socket();
     manager.connect("ws://bad host:port/x y");
     QVERIFY(manager.socket() == current && manager.websoketStatus() == WebsoketStatus::connected);
+    // One loss, one reconnection: the wait is not a clock that goes on trying by itself.
+    SocketManager unusable;
+    unusable.connect("ws://bad host:port/x y");
+    unusable.reconnect();
+    const QString retried = "再次重连self.urlStr:ws://bad host:port/x y";
+    QTRY_COMPARE_WITH_TIMEOUT(log.count(retried), 1, 5000);
+    QVERIFY(!QTest::qWaitFor([&] { return log.count(retried) > 1; }, 2500));
 }
 
 // An agent's certificate is its own, and its clock may not be ours: every fault is
@@ -210,6 +220,13 @@ void TestIntegration::hostileAgent_data()
         h.agent->closeClient();
         QVERIFY(reconnected(h));
     }) << QStringList{} << 200;
+    QTest::newRow("a range query for what became a FIFO") << Attack([=](EngineHarness &h) {
+        serve(h); // an open() that waited for a writer would freeze the companion here
+        QVERIFY(QFile::remove(h.root.filePath("local/served")) && ::mkfifo(QFile::encodeName(h.root.filePath("local/served")), 0600) == 0);
+        h.send(kx::makeContentsQuery(5, 1, 2, 0, 4096), FrameType::fileContentsRequest);
+        const auto answer = h.next<FileSDK::CliprdrFileContentsResponse>(FrameType::fileContentsResponse);
+        QVERIFY(answer && answer->header().msgflags() == 2 && answer->requesteddata().empty());
+    }) << QStringList{} << 0;
     QTest::newRow("a name of 32,000 components") << Attack([](EngineHarness &h) {
         QElapsedTimer clock;
         clock.start();
@@ -228,12 +245,12 @@ void TestIntegration::hostileAgent()
     QCOMPARE(h.nextFrame(), hex("00"));
     QVERIFY(writeFile(h.root.filePath("inner/outside/.bashrc"), "mine"));
     QVERIFY(QFile::link(h.root.filePath("inner/outside"), h.dest + "/photos"));
-    resetPeakResident();
-    const qint64 before = statusKiB("VmRSS");
+    kx::resetPeakResident();
+    const qint64 before = kx::residentKiB();
     attack(h);
     if (QTest::currentTestFailed())
         return;
-    const qint64 added = (statusKiB("VmHWM") - before) / 1024;
+    const qint64 added = (kx::peakResidentKiB() - before) / 1024;
     qInfo("the attack added at most %lld MiB of resident memory", added);
 #if !defined(__SANITIZE_ADDRESS__) // the sanitizer's quarantine keeps freed memory resident
     QVERIFY2(peakMiB == 0 || added < peakMiB, qPrintable(QString("%1 MiB").arg(added)));

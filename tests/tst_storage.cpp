@@ -72,7 +72,6 @@ void TestStorage::pathMapping()
     QCOMPARE(KXFileStreamOperation::getFullPathWithWindowsPath(remote, "/base"), expected);
     QCOMPARE(KXFileStreamOperation::getMacPathFromWindowsPath(remote, "/base"), expected);
     QCOMPARE(kx::isContainedRemotePath(remote), contained);
-    QCOMPARE(KXFileStreamOperation::removeTrailingSlash("//a/b//"), QStringLiteral("a/b"));
 }
 
 // The chosen folder holds links to a folder outside, to a file outside, and one that
@@ -162,7 +161,7 @@ void TestStorage::readRanges()
         QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), false, QString()));
         QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), 4, true));
     }
-    QVERIFY(log.contains("文件不存在：" + dir.filePath("missing")));
+    QVERIFY(log.contains("文件不存在：" + dir.filePath("missing")) && !KXFileStreamOperation().getFileInfoAtPath(dir.filePath("missing")));
 }
 
 void TestStorage::fragmentsAndArchive_data()
@@ -189,17 +188,14 @@ void TestStorage::fragmentsAndArchive()
     QVERIFY(operation && operation->isReadOperation);
     QCOMPARE(operation->fileFragments.size(), offsets.size());
     QByteArray joined;
-    QSet<QString> keys;
     for (qsizetype i = 0; i < offsets.size(); ++i) {
         const KXFileFragment &fragment = operation->fileFragments.at(i);
         QCOMPARE(fragment.fragementOffset, offsets.at(i));
         QCOMPARE(fragment.fragmentSize, sizes.at(i));
         QVERIFY(QRegularExpression("^[0-9a-f]{40}$").match(fragment.fragmentId).hasMatch());
-        keys.insert(fragment.fragmentId);
         joined += operation->readDateOfFragment(fragment).value_or(QByteArray());
     }
     QCOMPARE(joined, pattern(fileSize, 9));
-    QCOMPARE(keys.size(), offsets.size());
     const auto decoded = KXFileStreamOperation::decode(QCborValue::fromCbor(QCborValue(operation->encode()).toCbor()).toMap());
     QCOMPARE(decoded->fileName, QStringLiteral("f"));
     QCOMPARE(decoded->fileSize, quint64(fileSize));

@@ -62,7 +62,6 @@ void ViewController::resetProgressControls()
     m_progressIndicator->setValue(0);
     m_progressIndicator->setHidden(true);
     m_stopBtn->setHidden(true);
-    m_detail->clear();
 }
 
 void ViewController::setBarValue(double progress)

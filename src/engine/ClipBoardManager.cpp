@@ -36,13 +36,9 @@ ClipBoardManager::ClipBoardManager(const QString &ip, const QString &port, const
     m_context.files.setDelegate(this);
 }
 
-ClipBoardManager::~ClipBoardManager()
-{
-    if (m_context.connection.delegate() == this)
-        m_context.connection.setDelegate(nullptr);
-    if (m_context.files.delegate() == this)
-        m_context.files.setDelegate(nullptr);
-}
+// The connection and the file manager hold this engine through a QPointer: once it is
+// gone they call nobody, so nothing needs to be unhooked here.
+ClipBoardManager::~ClipBoardManager() = default;
 
 void ClipBoardManager::send(const google::protobuf::MessageLite &message, FrameType type,
                             const char *completionText)

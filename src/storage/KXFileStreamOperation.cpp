@@ -44,7 +44,7 @@ bool readAt(int fd, std::uint64_t offset, std::uint64_t length, Buffer &data)
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))
         return false;
     const std::uint64_t size = std::uint64_t(st.st_size);
-    length = offset >= size ? 0 : std::min({length, size - offset, maxReadLength});
+    length = std::min({length, size - std::min(offset, size), maxReadLength});
     data.resize(decltype(data.size())(length));
     // A regular file gives all that was asked for in one read, short of its end only when
     // it shrank meanwhile; then what it still had is the answer.

@@ -50,6 +50,13 @@ struct CountingPasteboard : PasteboardAccess
     void clearContents() override { ++clears; }
 };
 
+// What the remote side answers to a query on this file: eight bytes to a size query, the
+// bytes asked for (as many as there are) to a range query.
+inline QByteArray answerFor(const FileSDK::CliprdrFileContentsRequest &q, const QByteArray &file)
+{
+    return q.dwflags() == 1 ? QByteArray(8, '\0') : file.mid(qsizetype(kx::queryOffset(q)), qsizetype(q.cbrequested()));
+}
+
 inline FileSDK::FileDescriptorw descriptor(const QString &name, std::uint64_t size, std::uint32_t attributes = 0x80,
                                            std::uint64_t lastWrite = 0)
 {
@@ -163,11 +170,8 @@ public:
             widest = std::max(widest, batch.size());
             if (reverse)
                 std::reverse(batch.begin(), batch.end());
-            for (const Query &q : batch) {
-                const QByteArray &data = contents.value(int(q.listindex()));
-                reply(q.streamid(), q.dwflags() == 1 ? QByteArray(8, '\0')
-                                                     : data.mid(qsizetype(kx::queryOffset(q)), qsizetype(q.cbrequested())));
-            }
+            for (const Query &q : batch)
+                reply(q.streamid(), answerFor(q, contents.value(int(q.listindex()))));
         }
         return true;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-// Small things most tests need: test data, files on disk, the process's memory.
+// Small things most tests need: test data and files on disk.
 #include <QByteArray>
 #include <QDir>
 #include <QDirIterator>
@@ -51,20 +51,4 @@ inline QStringList treeOf(const QString &folder)
     }
     tree.sort();
     return tree;
-}
-
-// Resident memory now and at its peak, in KiB; the peak can be reset to now.
-inline qint64 statusKiB(const char *field)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    const QRegularExpression line(QStringLiteral("%1:\\s+(\\d+) kB").arg(QLatin1String(field)));
-    return line.match(QString::fromLatin1(status.readAll())).captured(1).toLongLong();
-}
-inline void resetPeakResident()
-{
-    QFile clear(QStringLiteral("/proc/self/clear_refs"));
-    if (clear.open(QIODevice::WriteOnly))
-        clear.write("5");
 }

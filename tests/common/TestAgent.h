@@ -5,14 +5,15 @@
 #include <QObject>
 #include <QPointer>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslKey>
+#include <QTcpServer>
 #include <QTcpSocket>
+#include <QTest>
 #include <QWebSocket>
+#include <QWebSocketServer>
 
 #include <optional>
-
-class QTcpServer;
-class QWebSocketServer;
 
 // An in-process remote agent on 127.0.0.1 (ws, or wss with the certificate given): it
 // keeps every frame the companion sends, in order, and lets a test send what it likes,
@@ -25,11 +26,41 @@ public:
         QSslCertificate certificate;
         QSslKey key;
     };
-    explicit TestAgent(std::optional<Tls> tls = std::nullopt);
+    explicit TestAgent(std::optional<Tls> tls = std::nullopt)
+        : m_secure(tls.has_value())
+    {
+        m_server = new QWebSocketServer("test-agent", tls ? QWebSocketServer::SecureMode : QWebSocketServer::NonSecureMode, this);
+        connect(m_server, &QWebSocketServer::newConnection, this, [this] {
+            while (QWebSocket *socket = m_server->nextPendingConnection()) {
+                closeClient();
+                m_client = socket;
+                socket->setParent(this);
+                ++m_connections;
+                connect(socket, &QWebSocket::binaryMessageReceived, this, [this](const QByteArray &f) { frames.append(f); });
+            }
+        });
+        if (tls) {
+            QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+            configuration.setLocalCertificate(tls->certificate);
+            configuration.setPrivateKey(tls->key);
+            configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
+            m_server->setSslConfiguration(configuration);
+            m_server->listen(QHostAddress::LocalHost, 0);
+            return;
+        }
+        m_tcp = new QTcpServer(this);
+        connect(m_tcp, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = m_tcp->nextPendingConnection()) {
+                m_transport = socket;
+                m_server->handleConnection(socket);
+            }
+        });
+        m_tcp->listen(QHostAddress::LocalHost, 0);
+    }
     ~TestAgent() override { closeClient(); }
 
     QString ip() const { return m_secure ? QStringLiteral("wss://127.0.0.1") : QStringLiteral("ws://127.0.0.1"); }
-    QString port() const;
+    QString port() const { return QString::number(m_tcp ? m_tcp->serverPort() : m_server->serverPort()); }
     int connections() const { return m_connections; }
     bool hasClient() const { return m_client && m_client->state() == QAbstractSocket::ConnectedState; }
 
@@ -42,7 +73,12 @@ public:
     // from the connection, and what the companion sends piles up on its side.
     void stopReading() { if (m_transport) m_transport->setReadBufferSize(1); }
 
-    std::optional<QByteArray> nextFrame(int timeoutMs);
+    std::optional<QByteArray> nextFrame(int timeoutMs)
+    {
+        if (frames.isEmpty() && !QTest::qWaitFor([this] { return !frames.isEmpty(); }, timeoutMs))
+            return std::nullopt;
+        return frames.takeFirst();
+    }
     QList<QByteArray> frames;
 
 private:

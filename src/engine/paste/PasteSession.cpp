@@ -32,8 +32,9 @@ bool isFolder(const FileSDK::FileDescriptorw &d)
 // The descriptor's last-write time onto an open file or folder; its access time is left.
 bool setModificationTime(int fd, const FileSDK::FileDescriptorw &d)
 {
-    const timespec times[2] = {{0, UTIME_OMIT},
-                               kx::timespecFromFileTime(kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow()))};
+    timespec accessed{};
+    accessed.tv_nsec = UTIME_OMIT;
+    const timespec times[2] = {accessed, kx::timespecFromFileTime(kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow()))};
     return ::futimens(fd, times) == 0;
 }
 

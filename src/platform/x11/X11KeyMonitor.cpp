@@ -5,6 +5,7 @@
 
 #include <X11/XKBlib.h>
 #include <X11/Xlib.h>
+#include <X11/Xutil.h>
 #include <X11/extensions/XInput2.h>
 #include <X11/keysym.h>
 
@@ -35,9 +36,10 @@ QString keysymText(unsigned long keysym)
     return {};
 }
 
+// Shift, Control, Alt, Super, the ISO level shifts (AltGr), Mode_switch, Num_Lock.
 bool isModifier(unsigned long keysym)
 {
-    return keysym >= XK_Shift_L && keysym <= XK_Hyper_R;
+    return IsModifierKey(keysym);
 }
 
 } // namespace
