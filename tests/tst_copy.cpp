@@ -170,6 +170,7 @@ void TestCopy::answers_data()
     QTest::newRow("range beyond the end") << query(3, 2, 0, 262144) << 1 << pattern(100, 1) << 100;
     QTest::newRow("range inside") << query(3, 2, 40, 10) << 1 << pattern(100, 1).mid(40, 10) << 10;
     QTest::newRow("range at the end") << query(3, 2, 100, 262144) << 1 << QByteArray() << 0;
+    QTest::newRow("range past the end") << query(3, 2, 5000, 100) << 1 << QByteArray() << 0;
     QTest::newRow("range past 4 GiB") << query(0, 2, far, 8) << 1 << QByteArray("far away") << 8;
     QTest::newRow("2 GiB asked, 64 MiB given") << query(6, 2, 0, 0x80000000u) << 1 << QByteArray(64 << 20, 0) << (64 << 20);
     QTest::newRow("deleted since the offer") << query(4, 2, 0, 4) << 2 << QByteArray() << 0;

@@ -8,7 +8,9 @@
 #include "ViewController.h"
 
 #include "linux/NotificationTrigger.h"
+#include "qt/TrayTrigger.h"
 
+#include <QAction>
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -17,6 +19,7 @@
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QSystemTrayIcon>
 #include <QTimer>
 
 class NotificationService : public QObject
@@ -56,6 +59,7 @@ private slots:
     void windowAndAlerts();
     void pasteThroughCtrlV();
     void pasteFromTheNotification();
+    void trayMenu();
 
 private:
     void start(const QStringList &extra = {});
@@ -96,8 +100,8 @@ void TestDesktop::launchArguments_data()
 
     QTest::newRow("the four values") << QStringList{"/app", "ip,ws://192.0.2.8", "port,9000", "token,abc", "cid,7"}
                                      << QStringList{"ws://192.0.2.8", "9000", "abc", "7", "1"};
-    QTest::newRow("white space trimmed, line break kept") << QStringList{"ip, 192.0.2.8\t", "cid,7\n"}
-                                                          << QStringList{"192.0.2.8", "", "", "7\n", "1"};
+    QTest::newRow("white space trimmed, line break kept") << QStringList{"ip, 192.0.2.8\t", "cid,7 \n"}
+                                                          << QStringList{"192.0.2.8", "", "", "7 \n", "1"};
     QTest::newRow("last comma piece wins") << QStringList{"port,80,81", "token,,x,"} << QStringList{"", "81", "x", "", "1"};
     QTest::newRow("no comma: the argument itself") << QStringList{"ip"} << QStringList{"ip", "", "", "", "1"};
     QTest::newRow("ip is found inside token") << QStringList{"token,zip9"} << QStringList{"zip9", "", "", "", "1"};
@@ -130,7 +134,6 @@ void TestDesktop::clipboardPoll()
     state.urls = QList<QUrl>{QUrl::fromLocalFile(dir.filePath("a"))};
     start();
     ClipboardWatcher *watcher = controller->watcher();
-    QCOMPARE(watcher->clipTimer()->interval(), 1000);
     for (int tick = 0; tick < 3; ++tick)
         watcher->checkPasteboard();
     QCOMPARE(state.reads, 0);
@@ -171,7 +174,6 @@ void TestDesktop::keyChords()
     QFETCH(bool, pastes);
     start();
     sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList));
-    QCOMPARE(state.clears, 1); // a remote copy empties the local board
     LogCapture log;
     state.press(command, text);
     QVERIFY(log.contains("Command + V 按下") == pastes && sink.sent.size() == (pastes ? 1 : 0));
@@ -237,7 +239,8 @@ void TestDesktop::windowAndAlerts()
     const QString none = QLocale().formattedDataSize(0);
     QCOMPARE(controller->detailLabel()->text(), "\n" + none + " of " + none); // no paste: no name, nothing saved
     QCOMPARE(controller->size(), QSize(400, 200));
-    QVERIFY(!controller->stopBtn()->isHidden() && controller->stopBtn()->geometry() == ViewController::stopButtonArea
+    QVERIFY(!controller->stopBtn()->isHidden() && !controller->progressIndicator()->isHidden()
+            && controller->stopBtn()->geometry() == ViewController::stopButtonArea
             && controller->progressIndicator()->geometry() == ViewController::progressArea);
     QCOMPARE(controller->progressIndicator()->value(), controller->progressIndicator()->maximum() / 4);
     QVERIFY(log.contains("Progress: 0.25"));
@@ -247,9 +250,16 @@ void TestDesktop::windowAndAlerts()
     QCOMPARE(state.alerts.first().message, QStringLiteral("下载失败错误原因：cancelDownload"));
     QCOMPARE(state.alerts.first().buttons, QStringList{"ok"});
     QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
+    // Every other end in its own words; a raw value that no case has is none of them.
+    const QStringList names{"noError", "pastAlreadyRunning", "formListResposeError", "saveError", "unKonwnError", "", "websoketDisconnect"};
+    for (int raw : {1, 2, 3, 4, 6}) {
+        controller->handlePasteFinished(false, clipBoardErrorFromRaw(raw).value());
+        QTRY_COMPARE(state.alerts.last().message, "下载失败错误原因：" + names[raw]);
+    }
+    QVERIFY(!clipBoardErrorFromRaw(-1) && !clipBoardErrorFromRaw(7));
     controller->handlePasteProgress(0.5);
     controller->handlePasteFinished(true, ClipBoardError::noError);
-    QTRY_COMPARE(state.alerts.size(), 2);
+    QTRY_COMPARE(state.alerts.size(), 7);
     QCOMPARE(state.alerts.last().message, QStringLiteral("下载成功"));
     QVERIFY(log.contains("所有文件粘贴成功") && !controller->isVisible());
     QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
@@ -334,6 +344,22 @@ void TestDesktop::pasteFromTheNotification()
     serve(dest, 1);
     bus.kill();
     bus.waitForFinished();
+}
+
+// The tray icon's menu offers Paste… only while remote files are on offer.
+void TestDesktop::trayMenu()
+{
+    TrayTrigger tray;
+    int pastes = 0;
+    tray.onPaste([&] { ++pastes; });
+    const QSystemTrayIcon *icon = tray.findChild<QSystemTrayIcon *>();
+    QAction *paste = icon->contextMenu()->actions().value(0);
+    QVERIFY(paste && paste->text() == "Paste…" && !paste->isEnabled() && icon->toolTip() == "KXClipboard");
+    tray.setOffered(true);
+    paste->trigger();
+    QVERIFY(paste->isEnabled() && pastes == 1 && icon->toolTip() == "KXClipboard: files copied on the remote desktop can be pasted");
+    tray.setOffered(false);
+    QVERIFY(!paste->isEnabled() && icon->toolTip() == "KXClipboard");
 }
 
 QTEST_MAIN(TestDesktop)

@@ -7,6 +7,7 @@
 #include "TestCertificate.h"
 
 #include <QElapsedTimer>
+#include <QTcpServer>
 #include <QTimer>
 #include <QWebSocket>
 
@@ -149,6 +150,14 @@ void TestIntegration::errorsAndReplacedClients()
     const QString retried = "再次重连self.urlStr:ws://bad host:port/x y";
     QTRY_COMPARE_WITH_TIMEOUT(log.count(retried), 1, 5000);
     QVERIFY(!QTest::qWaitFor([&] { return log.count(retried) > 1; }, 2500));
+    // A peer that takes the connection and never answers the handshake: given up after
+    // the time-out (15 s, shortened here) as an error.
+    QTcpServer silent;
+    QVERIFY(silent.listen(QHostAddress::LocalHost));
+    for (QTimer *timer : manager.findChildren<QTimer *>(Qt::FindDirectChildrenOnly))
+        timer->setInterval(timer->interval() == SocketManager::connectTimeoutMs ? 300 : timer->interval());
+    manager.connect("ws://127.0.0.1:" + QString::number(silent.serverPort()) + "/tok");
+    QTRY_VERIFY(log.contains("websocket encountered an error: The connection timed out") && !manager.isConnected());
 }
 
 // An agent's certificate is its own, and its clock may not be ours: every fault is
@@ -176,7 +185,6 @@ void TestIntegration::certificates()
     const QStringList accepted = log.lines().filter("accepting the agent's certificate despite:");
     QCOMPARE(accepted.size(), 1);
     QVERIFY2(accepted.first().contains(named), qPrintable(accepted.first()));
-    QVERIFY(pasteWorks(h));
 }
 
 // One row per attack. Each states what the chosen folder holds afterwards (a link to the

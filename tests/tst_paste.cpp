@@ -239,6 +239,7 @@ void TestPaste::endings()
 void TestPaste::chooserGuardsAndStrayReplies()
 {
     EngineHarness h;
+    LogCapture log;
     // A second list while the chooser is open neither opens a second chooser nor
     // replaces the list being chosen for.
     h.chooser->whileOpen = [&] { h.offer({descriptor("other", 5)}); };
@@ -257,13 +258,19 @@ void TestPaste::chooserGuardsAndStrayReplies()
     h.remoteCopy();
     h.sink.lose();
     h.reopen();
-    h.chooser->answer = FolderChoice{};
-    QVERIFY(h.pasteOf({descriptor("x", 5)}));
-    QCOMPARE(h.engine->pasteStatus(), PasteStatus::complete);
-    QVERIFY(h.chooser->runs == 3 && !h.engine->hasFormList() && !h.nextFrame(0) && h.ends.size() == 2);
+    // Cancelled, confirmed without a folder or with an empty one: the same as cancelled.
+    for (const FolderChoice &none : {FolderChoice{}, FolderChoice{true, std::nullopt}, FolderChoice{true, QUrl()}}) {
+        h.chooser->answer = none;
+        QVERIFY(h.pasteOf({descriptor("x", 5)}) && h.engine->pasteStatus() == PasteStatus::complete);
+        QVERIFY(!h.engine->hasFormList() && !h.nextFrame(0) && h.ends.size() == 2);
+    }
+    QVERIFY(h.chooser->runs == 5 && log.count("用户取消选择文件") == 1 && log.contains("选择的文件路径：" + h.dest));
 
-    // A stray reply after a loss cannot end the next paste, nor lose its copy.
+    // Folders only: nothing to fetch, nothing to report.
     h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(h.dest)};
+    QVERIFY(h.pasteOf({descriptor("only", 0, 0x10)}) && h.engine->pasteStatus() == PasteStatus::complete);
+    QVERIFY(h.ends.size() == 2 && !h.nextFrame(0) && treeOf(h.dest) == QStringList{"mine 3"});
+    // A stray reply after a loss cannot end the next paste, nor lose its copy.
     QVERIFY(h.pasteOf({descriptor("big", 3 * chunk)}));
     h.query();
     h.sink.lose();

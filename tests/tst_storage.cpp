@@ -1,6 +1,7 @@
 // File storage: remote names to local paths, files made beneath the chosen folder and
-// never through a link, ranges read and written at 64-bit offsets, the folder chooser
-// and the attributes of local files.
+// never through a link, fragments and their archive, a file as a stream, and the
+// attributes of local files. Ranges at 64-bit offsets and the folder chooser are
+// exercised through the engine, in the copy and paste tests.
 #include "EngineHarness.h"
 #include "KXFileStreamOperation.h"
 #include "LogCapture.h"
@@ -11,19 +12,6 @@
 
 #include <sys/stat.h>
 
-namespace {
-
-struct RecordingDelegate : QObject, KXFileManagerDelegate
-{
-    QStringList calls;
-    void folderChosen(const QUrl &url) override { calls << "chosen " + url.toLocalFile(); }
-    void folderChoiceCancelled() override { calls << "cancelled"; }
-};
-
-} // namespace
-
-Q_DECLARE_METATYPE(FolderChoice)
-
 class TestStorage : public QObject
 {
     Q_OBJECT
@@ -32,13 +20,10 @@ private slots:
     void pathMapping();
     void writesBeneath_data();
     void writesBeneath();
-    void readRanges_data();
-    void readRanges();
     void fragmentsAndArchive_data();
     void fragmentsAndArchive();
-    void chooser_data();
-    void chooser();
     void attributes();
+    void sequentialAccess();
 };
 
 // A remote name as a local path (text only), and whether it stays inside the base.
@@ -128,40 +113,7 @@ void TestStorage::writesBeneath()
     operation->closeFile();
     QVERIFY(!operation->writeDateOffSet(11, "closed"));
     QCOMPARE(readFile(operation->filePath), QByteArray("firstsecond"));
-}
-
-void TestStorage::readRanges_data()
-{
-    QTest::addColumn<quint64>("offset");
-    QTest::addColumn<quint64>("length");
-    QTest::addColumn<int>("expected");
-    QTest::newRow("inside") << quint64(10) << quint64(20) << 20;
-    QTest::newRow("across the end") << quint64(95) << quint64(100) << 5;
-    QTest::newRow("at the end") << quint64(100) << quint64(100) << 0;
-    QTest::newRow("past the end") << quint64(5000) << quint64(100) << 0;
-}
-
-void TestStorage::readRanges()
-{
-    QFETCH(quint64, offset);
-    QFETCH(quint64, length);
-    QFETCH(int, expected);
-    QTemporaryDir dir;
-    QVERIFY(writeFile(dir.filePath("f"), pattern(100, 3)));
-    auto operation = KXFileStreamOperation::initFileOperationAtPath(dir.filePath("f"), false, QStringLiteral("/ignored"));
-    QVERIFY(operation);
-    QCOMPARE(operation->fileSize, 100u);
-    QCOMPARE(operation->fileName, QStringLiteral("f"));
-    QCOMPARE(operation->readDateOffSet(offset, length), std::optional(pattern(100, 3).mid(qsizetype(offset), expected)));
-
-    // Missing, a folder or a FIFO: nothing is opened, and opening never waits.
-    LogCapture log;
-    QVERIFY(::mkfifo(QFile::encodeName(dir.filePath("fifo")).constData(), 0600) == 0);
-    for (const char *name : {"missing", "", "fifo"}) {
-        QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), false, QString()));
-        QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), 4, true));
-    }
-    QVERIFY(log.contains("文件不存在：" + dir.filePath("missing")) && !KXFileStreamOperation().getFileInfoAtPath(dir.filePath("missing")));
+    QVERIFY(!(QFile::permissions(operation->filePath) & (QFile::ExeOwner | QFile::ExeOther | QFile::WriteOther))); // never made runnable
 }
 
 void TestStorage::fragmentsAndArchive_data()
@@ -204,41 +156,6 @@ void TestStorage::fragmentsAndArchive()
     QVERIFY(!decoded->readDateOffSet(0, 4)); // no file is open after decoding
 }
 
-void TestStorage::chooser_data()
-{
-    QTest::addColumn<FolderChoice>("choice");
-    QTest::addColumn<QStringList>("calls");
-    QTest::addColumn<QStringList>("log");
-    const auto url = [](const char *path) { return std::optional(QUrl::fromLocalFile(path)); };
-    QTest::newRow("cancel") << FolderChoice{false, url("/tmp")} << QStringList{"cancelled"} << QStringList{"用户取消选择文件"};
-    QTest::newRow("choose") << FolderChoice{true, url("/tmp/d")} << QStringList{"chosen /tmp/d"} << QStringList{"选择的文件路径：/tmp/d"};
-    QTest::newRow("confirmed without a URL") << FolderChoice{true, std::nullopt} << QStringList{"cancelled"} << QStringList{};
-    QTest::newRow("an empty path") << FolderChoice{true, QUrl()} << QStringList{"cancelled"} << QStringList{"选择的文件路径："};
-}
-
-void TestStorage::chooser()
-{
-    QFETCH(FolderChoice, choice);
-    QFETCH(QStringList, calls);
-    QFETCH(QStringList, log);
-    KXFileManager files;
-    auto *chooser = new ScriptedChooser;
-    chooser->answer = choice;
-    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
-    RecordingDelegate delegate;
-    files.setDelegate(&delegate);
-    LogCapture lines;
-    files.chooseDestinationFolder();
-    QCOMPARE(delegate.calls, calls);
-    QCOMPARE(lines.lines(), log);
-    {
-        RecordingDelegate gone;
-        files.setDelegate(&gone);
-    } // destroyed: the manager must notice and call nobody
-    files.chooseDestinationFolder();
-    QCOMPARE(chooser->runs, 2);
-}
-
 void TestStorage::attributes()
 {
     KXFileManager files;
@@ -258,6 +175,34 @@ void TestStorage::attributes()
     QVERIFY(files.fileSizeAtPath(file.fileName()) == 5 && files.modificationDateAtPath(file.fileName()) == stamp);
     QVERIFY(files.creationDateAtPath(file.fileName()).isValid());
     QCOMPARE(log.lines().mid(0, 2), (QStringList{"File size: 5 bytes", "modificationDate date: 2020-01-01 00:00:00 +0000"}));
+}
+
+// The file as a stream: each read or write goes on where the last one ended.
+void TestStorage::sequentialAccess()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("s");
+    auto out = KXFileStreamOperation::initFileOperationAtPath(path, 0, false); // made if missing, kept if not
+    QVERIFY(out && out->writeData("hello ") && out->writeData("world") && out->offsetInFile() == 11);
+    QCOMPARE(out->seekToEndOfFile(), 11u);
+    out->closeFile();
+    QVERIFY(!out->writeData("closed") && out->offsetInFile() == 0 && out->seekToEndOfFile() == 0);
+    QCOMPARE(KXFileStreamOperation::initFileOperationAtPath(path, 0, false)->fileSize, 11u);
+    auto in = KXFileStreamOperation::initFileOperationAtPath(path, 0, true);
+    QVERIFY(in && in->readDataOfLength(5) == "hello" && in->offsetInFile() == 5);
+    QCOMPARE(in->readDataToEndOfFile(), std::optional<QByteArray>(" world"));
+    in->seekToFileOffset(6);
+    QCOMPARE(in->readDataOfLength(100), std::optional<QByteArray>("world"));
+    QCOMPARE(in->seekToEndOfFile(), 11u);
+
+    // Missing, a folder or a FIFO: nothing is opened, and opening never waits.
+    LogCapture log;
+    QVERIFY(::mkfifo(QFile::encodeName(dir.filePath("fifo")).constData(), 0600) == 0);
+    for (const char *name : {"missing", "", "fifo"}) {
+        QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), false, QString()));
+        QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), 4, true));
+    }
+    QVERIFY(log.contains("文件不存在：" + dir.filePath("missing")) && !KXFileStreamOperation().getFileInfoAtPath(dir.filePath("missing")));
 }
 
 QTEST_GUILESS_MAIN(TestStorage)

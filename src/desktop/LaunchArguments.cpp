@@ -3,12 +3,15 @@
 #include "ClipBoardManager.h"
 #include "DesktopLog.h"
 
+#include <QRegularExpression>
+
 namespace {
 
-// Tabs and space separators are trimmed; line breaks are kept, as the host never sends them.
-bool isTrimmed(QChar c)
+// Tabs and space separators at either end; line breaks are kept, as the host never sends them.
+const QRegularExpression &padding()
 {
-    return c == QLatin1Char('\t') || c.category() == QChar::Separator_Space;
+    static const QRegularExpression ends(QStringLiteral("^[\\t\\p{Zs}]+|[\\t\\p{Zs}]+\\z"));
+    return ends;
 }
 
 } // namespace
@@ -58,14 +61,7 @@ QString LaunchArguments::valueAfterComma(const QString &argument)
         qCInfo(lcDesktop).noquote() << "未找到逗号后面的内容";
         return QString();
     }
-    QString value = pieces.last();
-    qsizetype begin = 0;
-    qsizetype end = value.size();
-    while (begin < end && isTrimmed(value.at(begin)))
-        ++begin;
-    while (end > begin && isTrimmed(value.at(end - 1)))
-        --end;
-    value = value.mid(begin, end - begin);
+    const QString value = QString(pieces.last()).remove(padding());
     qCInfo(lcDesktop).noquote().nospace() << "逗号后面的内容为: " << value;
     return value;
 }

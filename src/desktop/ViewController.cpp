@@ -31,7 +31,6 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
     m_detail = new QLabel(this);
     m_detail->setGeometry(detailArea);
     m_progressIndicator = new QProgressBar(this);
-    m_progressIndicator->setTextVisible(true);
     m_progressIndicator->setGeometry(progressArea);
     m_stopBtn = new QPushButton(tr("Stop"), this);
     m_stopBtn->setFocusPolicy(Qt::NoFocus);

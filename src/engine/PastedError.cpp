@@ -1,12 +1,5 @@
 #include "PastedError.h"
 
-std::optional<PastedError> pastedErrorFromRaw(int raw)
-{
-    if (raw < 0 || raw > 6)
-        return std::nullopt;
-    return PastedError(raw);
-}
-
 QString pastedErrorName(PastedError error)
 {
     switch (error) {

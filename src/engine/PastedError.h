@@ -16,5 +16,4 @@ enum class PastedError : int {
     websoketDisconnect = 6,
 };
 
-std::optional<PastedError> pastedErrorFromRaw(int raw);
 QString pastedErrorName(PastedError error);

@@ -140,7 +140,6 @@ void CopyServer::answerDataRequest()
     // The descriptors are lent to the message for its encoding rather than copied: a big
     // offer would otherwise be held twice at once.
     QList<FileSDK::FileDescriptorw> &descriptors = m_offer.uploadCopyQueue();
-    response.mutable_filedes()->Reserve(int(descriptors.size()));
     for (FileSDK::FileDescriptorw &descriptor : descriptors)
         response.add_filedes()->Swap(&descriptor);
     kx::sendFrame(m_connection, response, FrameType::formatDataResponse, "send DataResponse success");

@@ -34,7 +34,7 @@ bool setModificationTime(int fd, const FileSDK::FileDescriptorw &d)
 {
     timespec accessed{};
     accessed.tv_nsec = UTIME_OMIT;
-    const timespec times[2] = {accessed, kx::timespecFromFileTime(kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow()))};
+    const timespec times[] = {accessed, kx::timespecFromFileTime(kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow()))};
     return ::futimens(fd, times) == 0;
 }
 
