@@ -6,6 +6,7 @@
 #include "LogCapture.h"
 
 #include <QElapsedTimer>
+#include <QSignalSpy>
 
 #include <csignal>
 #include <sys/resource.h>
@@ -51,11 +52,11 @@ private slots:
     void chunking();
     void endings_data();
     void endings();
+    void formatAskedFor();
     void chooserGuardsAndStrayReplies();
     void window_data();
     void window();
     void windowShortAndEmptyReplies();
-    void sizesPastAnyDisk();
 };
 
 // Two files and a folder, one query at a time: a short reply, an empty one repeated after
@@ -222,6 +223,8 @@ void TestPaste::endings()
     for (const Query &w : waiting) // replies that come after the end write nothing
         h.reply(w.streamid(), QByteArray(int(w.cbrequested()), 'z'));
     QVERIFY2(!h.nextQuery(0), "a query after the end");
+    for (const QFileInfo &fd : QDir("/proc/self/fd").entryInfoList(QDir::AllEntries | QDir::System)) // closed at once
+        QVERIFY(!fd.symLinkTarget().startsWith(h.dest));
     QCOMPARE(readFile(h.dest + "/f.bin"), fileBytes < 0 ? "<missing>" : data.first(fileBytes));
 
     // After a failed save Ctrl+V waits for a new copy; after the others the copy is gone.
@@ -232,6 +235,23 @@ void TestPaste::endings()
     QVERIFY(h.pasteAll({descriptor("f.bin", quint64(data.size()))}, {{0, data}}));
     QVERIFY(h.lastEnd(true, PastedError::noError));
     QCOMPARE(readFile(h.dest + "/f.bin"), data);
+}
+
+// Ctrl+V asks for the last format named for the file list, 0 with none, under the list's
+// own header, or one of zeros if it had none.
+void TestPaste::formatAskedFor()
+{
+    for (const auto &[formats, request] : QList<std::pair<QList<std::pair<uint, std::string>>, QByteArray>>{
+             {{{1, "FileGroupDescriptorW"}, {2, "FileGroupDescriptorW"}}, hex("0a 00 10 02 03")}, {{{13, "CF_UNICODETEXT"}}, hex("0a 00 03")}}) {
+        EngineHarness h;
+        QSignalSpy offers(h.engine.get(), &ClipBoardManager::filesOffered); // files only, not text
+        FileSDK::CliprdrFormatList list;
+        for (const auto &[id, name] : formats)
+            *list.add_formats() = [&] { FileSDK::CliprdrFormat f; f.set_formatid(id); f.set_formatname(name); return f; }();
+        h.send(list, FrameType::formatList);
+        h.paste();
+        QVERIFY(offers.size() == (formats.size() == 2 ? 2 : 0) && h.nextFrame() == request);
+    }
 }
 
 // What runs inside the folder chooser's nested event loop, the ends that need no reply,
@@ -299,7 +319,6 @@ void TestPaste::window_data()
     QTest::addColumn<int>("firstSizeQueries"); // empty files need none, but take a place
     QTest::addColumn<int>("widest");           // queries outstanding at once, at most
     QTest::newRow("window 1") << 1 << false << 1 << 1;
-    QTest::newRow("window 8, in order") << 8 << false << 6 << 8;
     QTest::newRow("window 8, last first") << 8 << true << 6 << 8;
     QTest::newRow("window 64, last first") << 64 << true << 20 << 56; // all the ranges of 20 files
 }
@@ -315,6 +334,7 @@ void TestPaste::window()
     QFETCH(int, firstSizeQueries);
     QFETCH(int, widest);
     EngineHarness h(window);
+    LogCapture log;
     const std::uint64_t y2020 = 132223104000000000ull, second = 10000000;
     Descriptors list{descriptor("top", 0, 0x2010, y2020)};
     Contents contents;
@@ -335,7 +355,7 @@ void TestPaste::window()
         QCOMPARE(readFile(path), contents[i]);
         QVERIFY(i % 5 ? fileTimeOf(path) == y2020 + i * second : fileTimeOf(path) > y2020 + 366 * 86400 * second);
     }
-    QCOMPARE(fileTimeOf(h.dest + "/top"), y2020);
+    QVERIFY(fileTimeOf(h.dest + "/top") == y2020 && !log.containsPrefix("could not set the modification time"));
     QVERIFY(std::is_sorted(h.shownNames.begin(), h.shownNames.end() - 1));
     QVERIFY(h.shownNames.first() == "top\\f01" && h.shownNames.last().isEmpty()); // the last report comes after the last file
     QVERIFY(h.progress.last() == 1.0 && std::is_sorted(h.progress.begin(), h.progress.end()));
@@ -372,16 +392,6 @@ void TestPaste::windowShortAndEmptyReplies()
     h.reply(again.streamid(), data.first(chunk));
     QVERIFY(h.lastEnd(true, PastedError::noError));
     QCOMPARE(readFile(h.dest + "/f"), data);
-}
-
-// Sizes that add up past 2^64, as no real list does: the progress stays a fraction.
-void TestPaste::sizesPastAnyDisk()
-{
-    EngineHarness h;
-    QVERIFY(h.pasteOf({descriptor("a", 5), descriptor("b", 1ull << 63), descriptor("c", 1ull << 63)}));
-    h.reply(h.query().streamid(), QByteArray(8, 0));
-    h.reply(h.query().streamid(), "hello");
-    QVERIFY(h.progress.size() == 1 && h.progress.first() > 0 && h.progress.first() < 1e-9);
 }
 
 QTEST_GUILESS_MAIN(TestPaste)

@@ -51,11 +51,6 @@ void TestProtocol::serializedBytes_data()
     QTest::newRow("range query past 4 GiB: both halves")
         << kx::serialize(kx::makeContentsQuery(3, 1, 2, (quint64(1) << 32) + 262144, 262144))
         << hex("10 03 18 01 20 02 28 80 80 10 30 01 38 80 80 10");
-    QTest::newRow("failed answer: header 1 0 2 1, nothing else")
-        << kx::serialize(kx::makeContentsAnswer(0, {}, 2)) << hex("0a 06 08 01 18 02 20 01");
-    QTest::newRow("size answer: 8 announced, 4 given")
-        << kx::serialize(kx::makeContentsAnswer(4, std::string("\x10\0\0\0", 4), 1, 8))
-        << hex("0a 06 08 01 18 01 20 01 10 04 18 08 22 04 10 00 00 00");
 }
 
 void TestProtocol::serializedBytes()

@@ -41,15 +41,19 @@ void TestX11::initTestCase()
     platform = makeLinuxPlatform();
     QVERIFY(platform.accessibility->isProcessTrusted(false));
     QVERIFY(platform.services->isApplicationRunning("tst_x11") && !platform.services->isApplicationRunning("no-such-program"));
-    // A host whose executable is gone (updated in place) is still known by its name, cut
-    // to the fifteen characters the kernel keeps.
+    // A host whose executable was replaced while it runs is still the host; another program
+    // whose name begins the same, as the kernel's fifteen characters would have it, is not.
     QTemporaryDir dir;
-    QProcess host;
+    QProcess host, other;
+    QVERIFY(QFile::copy("/bin/sleep", dir.filePath("a-host-of-long-other")));
+    other.start(dir.filePath("a-host-of-long-other"), {"30"});
+    QVERIFY(other.waitForStarted() && !platform.services->isApplicationRunning("a-host-of-long-name"));
     QVERIFY(QFile::copy("/bin/sleep", dir.filePath("a-host-of-long-name")));
     host.start(dir.filePath("a-host-of-long-name"), {"30"});
     QVERIFY(host.waitForStarted() && QFile::remove(dir.filePath("a-host-of-long-name")));
     QTRY_VERIFY(platform.services->isApplicationRunning("a-host-of-long-name"));
     host.kill();
+    other.kill();
 }
 
 void TestX11::clipboard()
@@ -84,7 +88,6 @@ void TestX11::keyMonitor_data()
     QTest::addColumn<bool>("command");
     QTest::addColumn<QString>("text");
     QTest::newRow("ctrl+v") << "ctrl+v" << true << "v";
-    QTest::newRow("ctrl+alt+v") << "ctrl+alt+v" << true << "v";
     QTest::newRow("v") << "v" << false << "v";
     QTest::newRow("ctrl+shift+v") << "ctrl+shift+v" << true << "V";
     QTest::newRow("space, the first Latin-1 text") << "space" << false << " ";

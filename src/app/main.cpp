@@ -1,4 +1,3 @@
-#include "AppDelegate.h"
 #include "DesktopLog.h"
 #include "FrameAllocator.h"
 #include "LinuxPlatform.h"
@@ -22,15 +21,11 @@ int main(int argc, char *argv[])
     // A background agent: closing the progress window, the chooser or an alert must
     // never end it; it ends when the host application is gone.
     app.setQuitOnLastWindowClosed(false);
-    AppDelegate delegate;
 
     Platform platform = makeLinuxPlatform(session);
     installQtFolderChooser();
     ViewController window(platform, EngineContext::shared(*platform.pasteboard), QStringLiteral(KX_HOST_APP_ID));
     window.show();
     window.viewDidLoad(app.arguments());
-    delegate.applicationDidFinishLaunching();
-    const int status = app.exec();
-    delegate.applicationWillTerminate();
-    return status;
+    return app.exec();
 }

@@ -60,7 +60,7 @@ void LoopbackFrameSink::deliver(const QByteArray &frame)
 
 void LoopbackFrameSink::drain(qint64 bytes)
 {
-    queuedBytes = std::max<qint64>(0, queuedBytes - bytes);
+    queuedBytes -= std::min(bytes, queuedBytes);
     if (auto *d = delegate())
         d->socketDidDrain();
 }

@@ -157,7 +157,7 @@ void SocketManager::onConnected()
     // peer's delayed acknowledgement would cost tens of milliseconds per round trip.
     if (m_socket) {
         for (QAbstractSocket *transport : m_socket->findChildren<QAbstractSocket *>())
-            transport->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+            transport->setSocketOption(QAbstractSocket::LowDelayOption, true);
     }
     m_isConnected = true;
     m_websoketStatus = WebsoketStatus::connected;

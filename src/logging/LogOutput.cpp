@@ -37,7 +37,7 @@ void writeLine(QtMsgType type, const QMessageLogContext &context, const QString 
 void installStdoutLogHandler()
 {
     // Line buffering keeps our lines in order with a reader on a pipe without a flush per line.
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     qInstallMessageHandler(writeLine);
 }
 

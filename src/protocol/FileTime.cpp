@@ -1,5 +1,7 @@
 #include "FileTime.h"
 
+#include <algorithm>
+
 namespace kx {
 
 namespace {
@@ -15,12 +17,9 @@ std::uint64_t fileTime(const QDateTime &date)
         return 0;
     const std::int64_t ms = date.toMSecsSinceEpoch();
     // Whole seconds, counted from 1601: the fraction is dropped on that count, so a date
-    // before 1970 rounds down just as one after it does.
-    const std::int64_t seconds = ms >= 0 ? ms / 1000 : -((-ms + 999) / 1000);
-    const std::int64_t since1601 = seconds + secondsFrom1601To1970;
-    if (since1601 < 0)
-        return 0;
-    return std::uint64_t(since1601) * ticksPerSecond;
+    // before 1970 rounds down (towards 1601) just as one after it does.
+    const std::int64_t seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
+    return std::uint64_t(std::max<std::int64_t>(seconds + secondsFrom1601To1970, 0)) * ticksPerSecond;
 }
 
 timespec timespecFromFileTime(std::uint64_t fileTime)

@@ -94,7 +94,7 @@ QDateTime KXFileManager::modificationDateAtPath(const QString &path) const
     if (path.isEmpty())
         return QDateTime::currentDateTimeUtc();
     const QFileInfo info(path);
-    if (!info.exists() || !info.lastModified().isValid()) {
+    if (!info.exists()) {
         qCInfo(lcFileManager).noquote().nospace() << "Cannot read the attributes of " << path;
         return QDateTime::currentDateTimeUtc();
     }

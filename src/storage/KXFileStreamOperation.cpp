@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include "StorageLog.h"
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QUuid>
 
@@ -87,8 +88,7 @@ UniqueFd openBase(const QString &base)
 // A closed handle (-1) fails in lseek and reads as offset 0.
 std::uint64_t offsetInFileOf(int fd)
 {
-    const off_t at = ::lseek(fd, 0, SEEK_CUR);
-    return at < 0 ? 0 : std::uint64_t(at);
+    return std::uint64_t(std::max<off_t>(::lseek(fd, 0, SEEK_CUR), 0));
 }
 
 } // namespace
@@ -107,15 +107,11 @@ QString KXFileStreamOperation::fileKey()
         + QStringLiteral("%1").arg(QRandomGenerator::global()->generate(), 8, 16, QLatin1Char('0'));
 }
 
+// Slashes at both ends, despite the name: the relative path is built with a leading one.
 QString KXFileStreamOperation::removeTrailingSlash(const QString &string)
 {
-    qsizetype begin = 0;
-    qsizetype end = string.size();
-    while (begin < end && string.at(begin) == QLatin1Char('/'))
-        ++begin;
-    while (end > begin && string.at(end - 1) == QLatin1Char('/'))
-        --end;
-    return string.mid(begin, end - begin);
+    static const QRegularExpression slashes(QStringLiteral("^/+|/+$"));
+    return QString(string).remove(slashes);
 }
 
 QString KXFileStreamOperation::getFullPathWithWindowsPath(const QString &windowsPath, const QString &basePath)
@@ -314,7 +310,7 @@ void KXFileStreamOperation::cutFileForFragments(std::int64_t segmentSize)
         for (std::uint64_t i = 0; i < count; ++i) {
             KXFileFragment fragment;
             fragment.fragmentId = fileKey();
-            fragment.fragementOffset = segment == 0 ? 0 : i * segment;
+            fragment.fragementOffset = i * segment; // one fragment when the segment is 0
             fragment.fragmentSize = i + 1 == count ? fileSize - fragment.fragementOffset : segment;
             fragments.append(fragment);
         }
@@ -365,8 +361,7 @@ std::uint64_t KXFileStreamOperation::offsetInFile() const
 
 std::uint64_t KXFileStreamOperation::seekToEndOfFile()
 {
-    const off_t end = ::lseek(isReadOperation ? m_readFd.get() : m_writeFd.get(), 0, SEEK_END);
-    return end < 0 ? 0 : std::uint64_t(end);
+    return std::uint64_t(std::max<off_t>(::lseek(isReadOperation ? m_readFd.get() : m_writeFd.get(), 0, SEEK_END), 0));
 }
 
 void KXFileStreamOperation::closeFile()

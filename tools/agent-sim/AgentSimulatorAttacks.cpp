@@ -1,5 +1,5 @@
 // The agent simulator as a hostile agent (--attack NAME), to try the companion as an
-// attacker would (bench/attacks measures what each move costs it):
+// attacker would (scripts/attacks measures what each move costs it):
 //   big-binary, big-text  a message of 1.9 GiB right after the client type frame
 //   flood-queries         when a copy is announced: 40 range queries of 2 GiB each, and
 //                         then nothing more is read

@@ -18,11 +18,8 @@ namespace {
 QString printed(const QList<QUrl> &urls)
 {
     QString text = QStringLiteral("[");
-    for (const QUrl &url : urls) {
-        if (text.size() > 1)
-            text += QStringLiteral(", ");
-        text += url.toString();
-    }
+    for (qsizetype i = 0; i < urls.size(); ++i)
+        text += (i ? QStringLiteral(", ") : QString()) + urls.at(i).toString();
     return text += QLatin1Char(']');
 }
 
@@ -35,13 +32,11 @@ std::string printed(const QList<FileSDK::FileDescriptorw> &descriptors)
     std::string text = "[";
     text.reserve(size_t(descriptors.size()) * 360 + 32); // about one entry's length
     std::string entry;
-    for (const FileSDK::FileDescriptorw &descriptor : descriptors) {
-        printer.PrintToString(descriptor, &entry);
+    for (qsizetype i = 0; i < descriptors.size(); ++i) {
+        printer.PrintToString(descriptors.at(i), &entry);
         while (!entry.empty() && entry.back() == ' ')
             entry.pop_back();
-        if (text.size() > 1)
-            text += ", ";
-        text += entry;
+        text += (i ? ", " : "") + entry;
     }
     return text += ']';
 }

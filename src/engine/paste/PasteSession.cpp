@@ -96,8 +96,11 @@ void PasteSession::downloadNextFile()
 void PasteSession::pump()
 {
     while (!m_stopped) {
-        if (finishSavedFiles())
+        closeSavedFiles();
+        if (m_head == m_files.size()) {
+            finishAll();
             return;
+        }
         if (m_outstanding.size() >= std::size_t(m_window))
             return;
         if (requestNextRange())
@@ -110,21 +113,22 @@ void PasteSession::pump()
     }
 }
 
-// True when the paste has ended.
-bool PasteSession::finishSavedFiles()
+// Files finish in list order: the first one not saved in full holds the later ones back.
+void PasteSession::closeSavedFiles()
 {
     while (m_head < m_next && m_files[m_head].out && m_files[m_head].saved == m_files[m_head].size) {
         finishCurrentFile(m_files[m_head]);
         ++m_head;
         qCInfo(lcEngine).noquote() << "开始启动下载loop";
     }
-    if (m_head < m_files.size())
-        return false;
-    m_stopped = true;
+}
+
+// Every file saved: nothing is outstanding, so no reply or repeat can come after this.
+void PasteSession::finishAll()
+{
     qCInfo(lcEngine).noquote() << "所有文件下载完成";
     setFolderTimes();
     m_engine.finishPaste();
-    return true;
 }
 
 void PasteSession::startCurrentFile(std::size_t index)
@@ -173,7 +177,7 @@ bool PasteSession::requestNextRange()
         FileTask &file = m_files[index];
         if (!file.sized)
             continue;
-        Query query{index, false, 0, 0};
+        Query query{index};
         if (!file.gaps.empty()) {
             std::tie(query.offset, query.length) = file.gaps.front();
             file.gaps.erase(file.gaps.begin());

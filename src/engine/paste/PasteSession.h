@@ -71,7 +71,8 @@ private:
     const FileSDK::FileDescriptorw &descriptor(const FileTask &file) const;
     bool pipelined() const { return m_window > 1; }
     void pump();
-    bool finishSavedFiles();
+    void closeSavedFiles();
+    void finishAll();
     void startCurrentFile(std::size_t index);
     void sendContentRequest(std::size_t index);
     bool requestNextRange();

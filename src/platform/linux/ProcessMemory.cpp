@@ -1,29 +1,22 @@
 #include "ProcessMemory.h"
 
-#include <cstdio>
-#include <cstring>
+#include <fstream>
+#include <string>
 
 namespace kx {
 
 namespace {
 
 // One "Name:   1234 kB" line of /proc/self/status.
-std::int64_t statusField(const char *name)
+std::int64_t statusField(const std::string &name)
 {
-    std::FILE *status = std::fopen("/proc/self/status", "re");
-    if (!status)
-        return 0;
-    const std::size_t length = std::strlen(name);
-    char line[256];
-    long long value = 0;
-    while (std::fgets(line, sizeof line, status)) {
-        if (std::strncmp(line, name, length) == 0 && line[length] == ':') {
-            std::sscanf(line + length + 1, "%lld", &value);
-            break;
-        }
+    std::ifstream status("/proc/self/status");
+    const std::string prefix = name + ':';
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(prefix, 0) == 0)
+            return std::stoll(line.substr(prefix.size()));
     }
-    std::fclose(status);
-    return value;
+    return {};
 }
 
 } // namespace
@@ -40,10 +33,7 @@ std::int64_t peakResidentKiB()
 
 void resetPeakResident()
 {
-    if (std::FILE *clear = std::fopen("/proc/self/clear_refs", "we")) {
-        std::fputs("5", clear);
-        std::fclose(clear);
-    }
+    std::ofstream("/proc/self/clear_refs") << '5';
 }
 
 } // namespace kx

@@ -21,9 +21,9 @@ bool openXInput2(Display *display, int *opcode)
     int minor = 2;
     if (XIQueryVersion(display, &major, &minor) != Success || (major == 2 && minor < 2))
         return false;
-    int event = 0;
-    int error = 0;
-    return XQueryExtension(display, "XInputExtension", opcode, &event, &error);
+    int firstEvent;
+    int firstError;
+    return XQueryExtension(display, "XInputExtension", opcode, &firstEvent, &firstError);
 }
 
 constexpr int resyncDelayMs = 1000;
@@ -60,9 +60,9 @@ bool X11KeyMonitor::available()
     return ok;
 }
 
-bool X11KeyMonitor::keyIsDown(const char (&keys)[32], int keycode)
+bool X11KeyMonitor::keyIsDown(const char (&keys)[32], unsigned char keycode)
 {
-    return keycode >= 0 && keycode < 256 && (keys[keycode / 8] & (1 << (keycode % 8))) != 0;
+    return (keys[keycode / 8] & (1 << (keycode % 8))) != 0;
 }
 
 bool X11KeyMonitor::install(std::function<void(const KeyEvent &)> handler)
@@ -159,7 +159,7 @@ void X11KeyMonitor::dropReleasedModifiers()
     char keys[32] = {};
     XQueryKeymap(m_display, keys);
     for (auto it = m_held.begin(); it != m_held.end();) {
-        if (!keyIsDown(keys, *it))
+        if (!keyIsDown(keys, static_cast<unsigned char>(*it)))
             it = m_held.erase(it);
         else
             ++it;

@@ -25,7 +25,7 @@ public:
     // Whether a display with XInput 2.2 or newer can be opened here.
     static bool available();
     // Whether the server's key map, as XQueryKeymap fills it, has this key down.
-    static bool keyIsDown(const char (&keys)[32], int keycode);
+    static bool keyIsDown(const char (&keys)[32], unsigned char keycode);
 
 private:
     void readEvents();
