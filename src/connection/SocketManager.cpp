@@ -168,9 +168,9 @@ void SocketManager::onConnected()
         d->socketDidConnect();
 }
 
+// The connect time-out may still fire for the attempt that ended; it finds it ended.
 void SocketManager::markDisconnected()
 {
-    m_connectTimer->stop();
     m_ended = true;
     m_isConnected = false;
     m_websoketStatus = WebsoketStatus::disconnect;

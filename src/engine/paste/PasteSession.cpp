@@ -123,7 +123,8 @@ void PasteSession::closeSavedFiles()
     }
 }
 
-// Every file saved: nothing is outstanding, so no reply or repeat can come after this.
+// Every file saved, and no query outstanding: a reply that still comes matches none and
+// is ignored.
 void PasteSession::finishAll()
 {
     qCInfo(lcEngine).noquote() << "所有文件下载完成";
