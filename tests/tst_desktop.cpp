@@ -170,7 +170,6 @@ void TestDesktop::keyChords_data()
     QTest::newRow("Ctrl+V") << true << "v" << true;
     QTest::newRow("V alone") << false << "v" << false;
     QTest::newRow("Ctrl+Shift+V") << true << "V" << false;
-    QTest::newRow("no characters") << true << "" << false;
 }
 
 void TestDesktop::keyChords()
