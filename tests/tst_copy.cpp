@@ -91,7 +91,6 @@ void TestCopy::announceAndDescribe()
     QCOMPARE(h->nextFrame(0), hex("0a 08 08 01 10 01 18 01 20 01 10 02 1a 1a 08 c2 81 03 12 14 46 69 6c 65 47 72 6f 75 70 "
                                   "44 65 73 63 72 69 70 74 6f 72 57 1a 12 08 af 81 03 12 0c 46 69 6c 65 43 6f 6e 74 65 "
                                   "6e 74 73 01"));
-    QVERIFY(log.contains("send success"));
     h->send(QByteArray(1, 3)); // a data request is not read: any payload gets the list
     const auto frame = h->nextFrame(0);
     QVERIFY(frame && frame->startsWith(hex("0a 06 08 01 18 01 20 01 12")) && frame->endsWith(hex("07")));

@@ -10,6 +10,8 @@
 #include <QCborValue>
 #include <QRegularExpression>
 
+#include <csignal>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 class TestStorage : public QObject
@@ -55,6 +57,8 @@ void TestStorage::pathMapping()
     QCOMPARE(KXFileStreamOperation::getFullPathWithWindowsPath(remote, "/base"), expected);
     QCOMPARE(KXFileStreamOperation::getMacPathFromWindowsPath(remote, "/base"), expected);
     QCOMPARE(kx::isContainedRemotePath(remote), contained);
+    const QStringList deep(15, QString(255, 'd')); // "/b" + 15 * 256 + 253 is PATH_MAX
+    QVERIFY(kx::fitsFileSystem("/b", deep + QStringList{QString(252, 'f')}) && !kx::fitsFileSystem("/b", deep + QStringList{QString(253, 'f')}));
 }
 
 // The chosen folder holds links to a folder outside, to a file outside, and one that
@@ -181,6 +185,11 @@ void TestStorage::sequentialAccess()
     const QString path = dir.filePath("s");
     auto out = KXFileStreamOperation::initFileOperationAtPath(path, 0, false); // made if missing, kept if not
     QVERIFY(out && out->writeData("hello ") && out->writeData("world") && out->offsetInFile() == 11);
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit unlimited = [] { rlimit r{}; getrlimit(RLIMIT_FSIZE, &r); return r; }(), full{11, unlimited.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full); // a full disk: the write fails
+    QVERIFY(!out->writeData("!!") && out->offsetInFile() == 11);
+    setrlimit(RLIMIT_FSIZE, &unlimited);
     QCOMPARE(out->seekToEndOfFile(), 11u);
     out->closeFile();
     QVERIFY(!out->writeData("closed") && out->offsetInFile() == 0 && out->seekToEndOfFile() == 0);
@@ -190,7 +199,6 @@ void TestStorage::sequentialAccess()
     QCOMPARE(in->readDataToEndOfFile(), std::optional<QByteArray>(" world"));
     in->seekToFileOffset(6);
     QCOMPARE(in->readDataOfLength(100), std::optional<QByteArray>("world"));
-    QCOMPARE(in->seekToEndOfFile(), 11u);
 
     // Missing, a folder or a FIFO: nothing is opened, and opening never waits.
     LogCapture log;
