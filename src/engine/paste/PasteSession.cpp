@@ -310,8 +310,7 @@ void PasteSession::finishCurrentFile(FileTask &file)
     const FileSDK::FileDescriptorw &d = descriptor(file);
     if ((d.dwflags() & kx::wire::writeTimeFlag) && !setModificationTime(file.out->writeDescriptor(), d))
         qCInfo(lcEngine).noquote().nospace() << "could not set the modification time of " << file.localPath;
-    file.out->closeFile();
-    file.out.reset();
+    file.out.reset(); // closes the file
     file.gaps.clear();
 }
 
