@@ -54,7 +54,7 @@ class TestDesktop : public QObject
     Q_OBJECT
 private slots:
     void init();
-    void cleanup();
+    void cleanup() { controller.reset(); }
     void launchArguments_data();
     void launchArguments();
     void clipboardPoll();
@@ -83,11 +83,6 @@ void TestDesktop::init()
     state = FakePlatformState{};
     platform = std::make_unique<Platform>(makeFakePlatform(state));
     sink = LoopbackFrameSink{};
-}
-
-void TestDesktop::cleanup()
-{
-    controller.reset();
 }
 
 void TestDesktop::start(const QStringList &extra)
@@ -196,7 +191,8 @@ void TestDesktop::hostAndPermission()
     start();
     ClipboardWatcher *watcher = controller->watcher();
     watcher->checkHostApplication();
-    QVERIFY(state.hostQueries == QStringList{"host-app"} && log.contains("此程序在运行中") && state.exits.isEmpty());
+    QVERIFY(state.hostQueries == QStringList{"host-app"} && log.contains("此程序在运行中") && state.exits.isEmpty()
+            && watcher->progressTimer()->interval() == 60000);
     state.hostRunning = false;
     watcher->progressTimer()->setInterval(10); // the minute, shortened
     QTRY_VERIFY(!state.exits.isEmpty());

@@ -116,11 +116,7 @@ public:
     }
     void reply(std::uint32_t stream, const QByteArray &data) { send(kx::makeContentsAnswer(stream, data.toStdString()), FrameType::fileContentsResponse); }
     // The connection back after a loss (loopback), its client type frame taken.
-    void reopen()
-    {
-        sink.open();
-        sink.sent.clear();
-    }
+    void reopen() { sink.open(), sink.sent.clear(); }
     void paste()
     {
         engine->startPaste([this](double value) { progress.append(value), shownNames.append(engine->currentFileName()); },
