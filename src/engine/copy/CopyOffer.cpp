@@ -155,7 +155,7 @@ FileSDK::FileDescriptorw CopyOffer::makeDescriptor(const QString &path, bool fol
 
 void CopyOffer::appendRootFileDescriptor(const QUrl &url)
 {
-    m_uploadCopyQueue.append(makeDescriptor(url.toLocalFile(), false, true));
+    m_uploadCopyQueue.append(makeDescriptor(url.toLocalFile(), false));
     m_uploadCopyUrlList.append(url);
 }
 
@@ -180,7 +180,7 @@ void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &wal
             continue;
         const bool folder = info.isDir();
         qCInfo(lcEngine).noquote().nospace() << (folder ? "Directory: " : "File: ") << full;
-        m_uploadCopyQueue.append(makeDescriptor(full, folder, false));
+        m_uploadCopyQueue.append(makeDescriptor(full, folder));
         m_uploadCopyUrlList.append(QUrl::fromLocalFile(full));
         if (folder && enterFolder(full, walk)) {
             appendDirectoryDescriptors(full, walk);

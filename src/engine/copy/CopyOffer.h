@@ -40,7 +40,7 @@ private:
     void appendDirectoryDescriptors(const QString &path, QStringList &walk);
     bool enterFolder(const QString &path, QStringList &walk);
     std::optional<QStringList> listFolder(const QString &path);
-    FileSDK::FileDescriptorw makeDescriptor(const QString &path, bool folder, bool topLevel);
+    FileSDK::FileDescriptorw makeDescriptor(const QString &path, bool folder, bool topLevel = false); // topLevel: a folder the user copied
     QString remoteName(const QString &itemPath) const;
 
     KXFileManager &m_files;
