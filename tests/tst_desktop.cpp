@@ -256,8 +256,8 @@ void TestDesktop::windowAndAlerts()
     controller->handlePasteFinished(true, ClipBoardError::noError);
     QTRY_COMPARE(state.alerts.size(), 7);
     QCOMPARE(state.alerts.last().message, QStringLiteral("下载成功"));
-    QVERIFY(log.contains("所有文件粘贴成功") && !controller->isVisible() && controller->progressIndicator()->value() == 0);
-    QVERIFY(controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
+    QVERIFY(log.contains("所有文件粘贴成功") && !controller->isVisible() && controller->progressIndicator()->value() == 0
+            && controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
     // Stopped, the watcher holds no key monitor: one installed since is not its to remove.
     controller->watcher()->stopWatching();
     QVERIFY(!state.keyMonitorInstalled && platform->keyMonitor->install([](const KeyEvent &) {}));

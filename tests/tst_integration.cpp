@@ -27,11 +27,7 @@ struct RecordingDelegate : QObject, SocketManagerDelegate
     QList<QByteArray> data;
     QStringList texts;
     void socketDidConnect() override { ++connects; }
-    void socketDidDisconnect() override
-    {
-        ++disconnects;
-        manager->reconnect();
-    }
+    void socketDidDisconnect() override { ++disconnects, manager->reconnect(); }
     void socketDidReceive(const QByteArray &bytes) override { data.append(bytes); }
     void socketDidReceive(const QString &text) override { texts.append(text); }
 };
@@ -194,6 +190,7 @@ void TestIntegration::hostileAgent_data()
     QTest::addColumn<Attack>("attack");
     QTest::addColumn<QStringList>("madeInside"); // besides the link
     QTest::addColumn<int>("peakMiB");            // resident memory it may add; 0: not measured
+    QTest::addColumn<bool>("secure");            // wss: what waits to be sent is mostly encrypted
     const auto serve = [](EngineHarness &h) { // a local copy of one file of 100 MiB, described to the agent
         QVERIFY(writeFile(h.root.filePath("local/served"), {}) && QFile::resize(h.root.filePath("local/served"), 100 << 20));
         h.engine->copiedFiles({QUrl::fromLocalFile(h.root.filePath("local"))});
@@ -204,43 +201,44 @@ void TestIntegration::hostileAgent_data()
     QTest::newRow("through a link to a folder outside") << Attack([](EngineHarness &h) {
         QVERIFY(h.pasteAll({descriptor("photos", 0, 0x10), descriptor("photos\\.bashrc", 5)}, {{1, "evil!"}}));
         QVERIFY(h.lastEnd(false, PastedError::saveError));
-    }) << QStringList{} << 0;
+    }) << QStringList{} << 0 << false;
     QTest::newRow("a reply far past the announced size") << Attack([](EngineHarness &h) {
         QVERIFY(h.pasteOf({descriptor("ten.txt", 10)}));
         h.reply(h.query().streamid(), QByteArray(8, 0));
         h.reply(h.query().streamid(), QByteArray(48 << 20, 'x'));
         QTRY_VERIFY(h.lastEnd(false, PastedError::unKonwnError));
-    }) << QStringList{"ten.txt 0"} << 0;
+    }) << QStringList{"ten.txt 0"} << 0 << false;
     for (bool text : {false, true})
         QTest::addRow("a %s message of 1.9 GiB", text ? "text" : "binary") << Attack([=](EngineHarness &h) {
             h.agent->sendRaw(frameHeader(text, 0x78000000) + QByteArray(1 << 20, 'x'));
             QVERIFY(reconnected(h));
-        }) << QStringList{} << 16;
-    QTest::newRow("40 queries of 2 GiB, never read") << Attack([=](EngineHarness &h) {
-        serve(h);
-        LogCapture log;
-        h.agent->stopReading();
-        for (std::uint32_t i = 0; i < 40; ++i)
-            h.send(kx::makeContentsQuery(i, 1, 2, 0, 0x80000000u), FrameType::fileContentsRequest);
-        QTRY_COMPARE(log.lines().filter("websocket is Received data:").size(), 40);
-        QCOMPARE(log.count("contentRequest.cbRequested:2147483648"), 1); // the rest wait
-        h.agent->closeClient();
-        QVERIFY(reconnected(h));
-    }) << QStringList{} << 320; // one 64 MiB answer in flight, with its copies; forty would be GiBs
+        }) << QStringList{} << 16 << false;
+    for (bool secure : {false, true})
+        QTest::addRow("40 queries of 2 GiB, never read (%s)", secure ? "wss" : "ws") << Attack([=](EngineHarness &h) {
+            serve(h);
+            LogCapture log;
+            h.agent->stopReading();
+            for (std::uint32_t i = 0; i < 40; ++i)
+                h.send(kx::makeContentsQuery(i, 1, 2, 0, 0x80000000u), FrameType::fileContentsRequest);
+            QTRY_COMPARE(log.lines().filter("websocket is Received data:").size(), 40);
+            QVERIFY(!QTest::qWaitFor([&] { return log.count("contentRequest.cbRequested:2147483648") != 1; }, 500)); // the rest wait, also once the first is encrypted
+            h.agent->closeClient();
+            QVERIFY(reconnected(h));
+        }) << QStringList{} << 320 << secure; // one 64 MiB answer in flight, with its copies; forty would be GiBs
     QTest::newRow("a range query for what became a FIFO") << Attack([=](EngineHarness &h) {
         serve(h); // an open() that waited for a writer would freeze the companion here
         QVERIFY(QFile::remove(h.root.filePath("local/served")) && ::mkfifo(QFile::encodeName(h.root.filePath("local/served")), 0600) == 0);
         h.send(kx::makeContentsQuery(5, 1, 2, 0, 4096), FrameType::fileContentsRequest);
         const auto answer = h.next<FileSDK::CliprdrFileContentsResponse>(FrameType::fileContentsResponse);
         QVERIFY(answer && answer->header().msgflags() == 2 && answer->requesteddata().empty());
-    }) << QStringList{} << 0;
+    }) << QStringList{} << 0 << false;
     QTest::newRow("a name of 32,000 components") << Attack([](EngineHarness &h) {
         QElapsedTimer clock;
         clock.start();
         QVERIFY(h.pasteOf({descriptor(QString("a\\").repeated(32000) + "x", 4)}));
         QTRY_VERIFY(h.lastEnd(false, PastedError::saveError));
         QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
-    }) << QStringList{} << 0;
+    }) << QStringList{} << 0 << false;
 }
 
 void TestIntegration::hostileAgent()
@@ -248,8 +246,10 @@ void TestIntegration::hostileAgent()
     QFETCH(Attack, attack);
     QFETCH(QStringList, madeInside);
     QFETCH(int, peakMiB);
-    EngineHarness h(1, EngineHarness::Link::ws);
-    QCOMPARE(h.nextFrame(), hex("00"));
+    QFETCH(bool, secure);
+    EngineHarness h(1, secure ? EngineHarness::Link::wss : EngineHarness::Link::ws,
+                    secure ? makeCertificate(CertificateFault::selfSigned) : std::nullopt);
+    QCOMPARE(h.nextFrame(15000), hex("00"));
     QVERIFY(writeFile(h.root.filePath("inner/outside/.bashrc"), "mine"));
     QVERIFY(QFile::link(h.root.filePath("inner/outside"), h.dest + "/photos"));
     kx::resetPeakResident();

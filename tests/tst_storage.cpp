@@ -212,6 +212,7 @@ void TestStorage::sequentialAccess()
         QVERIFY(!KXFileStreamOperation::initFileOperationAtPath(dir.filePath(name), 4, true));
     }
     QVERIFY(log.contains("文件不存在：" + dir.filePath("missing")) && !KXFileStreamOperation().getFileInfoAtPath(dir.filePath("missing")));
+    QVERIFY(!KXFileStreamOperation::createFolder("made\\x", "/proc").valid() && log.contains("创建文件夹失败:No such file or directory: /proc/made"));
 }
 
 QTEST_GUILESS_MAIN(TestStorage)

@@ -71,7 +71,7 @@ public:
     void closeGracefully(const QString &reason) { if (m_client) m_client->close(QWebSocketProtocol::CloseCodeNormal, reason); }
     // The frame being read never completes in a buffer this small: nothing more is taken
     // from the connection, and what the companion sends piles up on its side.
-    void stopReading() { if (m_transport) m_transport->setReadBufferSize(1); }
+    void stopReading() { m_transport ? m_transport->setReadBufferSize(1) : m_client->setReadBufferSize(1); }
 
     std::optional<QByteArray> nextFrame(int timeoutMs)
     {
