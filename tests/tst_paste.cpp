@@ -54,6 +54,7 @@ private slots:
     void endings();
     void formatAskedFor();
     void chooserGuardsAndStrayReplies();
+    void onePasteAtATime();
     void window_data();
     void window();
     void windowShortAndEmptyReplies();
@@ -108,9 +109,16 @@ void TestPaste::oneAtATimeIsByteExact()
     QCOMPARE(log.lines().filter(QRegularExpression("^(这个文件大小正确下载完成了|这一次写入数据大小:27856)")), // after a file's last range
              (QStringList{"这一次写入数据大小:27856 bytes", "这个文件大小正确下载完成了", "这个文件大小正确下载完成了"}));
     QCOMPARE(log.lines().filter("总chunks:"), (QStringList{"总chunks:2", "总chunks:1"}));
+    QCOMPARE(log.lines().filter("windows转到mac的存储路径为:"),
+             (QStringList{"windows转到mac的存储路径为:" + h.dest + "/d/a.bin", "windows转到mac的存储路径为:" + h.dest + "/b.bin"}));
+    // Each range logs the chunk after it, in two lines, whatever its length.
+    QCOMPARE(log.lines().filter(QRegularExpression("^(将要请求的deoffset|Low Value|High Value):")).join(','),
+             "将要请求的deoffset:262144,Low Value: 262144,High Value: 0,将要请求的deoffset:524288,Low Value: 524288,High Value: 0,"
+             "将要请求的deoffset:534288,Low Value: 534288,High Value: 0,将要请求的deoffset:262144,Low Value: 262144,High Value: 0");
+    QCOMPARE(log.lines().filter(QRegularExpression("^cachesDirectory:")).size(), 5); // the empty file's path is never asked for
     QVERIFY(log.contains("所有文件下载完成"));
     QCOMPARE(h.engine->pasteStatus(), PasteStatus::complete);
-    QVERIFY(!h.engine->hasFormList());
+    QVERIFY(h.engine->hasFormList()); // the same remote copy can be pasted again
 }
 
 void TestPaste::chunking_data()
@@ -174,15 +182,21 @@ void TestPaste::endings_data()
     rows("reply past the announced size", 2, unknown, 2 * chunk, // 1000 bytes are left of the file
          [](EngineHarness &h, const Query &q) { h.reply(q.streamid(), QByteArray(1001, 'x')); });
     rows("stop", 1, PastedError::cancelDownload, chunk, [](EngineHarness &h, const Query &q) {
-        h.engine->setPasteStatus(PasteStatus::cancel);
-        h.paste(); // Ctrl+V while the stop waits for its reply asks for nothing
-        QVERIFY(!h.nextFrame(0));
-        replyRight(h, q); // the reply that ends it writes nothing
+        h.engine->setPasteStatus(PasteStatus::cancel); // ends it at once
+        QCOMPARE(h.ends.size(), 1);
+        h.remoteCopy(); // a new remote copy cannot undo it
+        replyRight(h, q);
     });
     rows("stop during the wait after an empty reply", 0, PastedError::cancelDownload, 0, [](EngineHarness &h, const Query &q) {
         h.reply(q.streamid(), {});
         h.engine->setPasteStatus(PasteStatus::cancel);
-        (void)QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 2000);
+        QVERIFY(!h.nextFrame(800)); // no repeat after the wait
+    });
+    rows("no reply for the time-out", 1, PastedError::websoketDisconnect, chunk, [](EngineHarness &h, const Query &) {
+        LogCapture log;
+        h.engine->setReplyTimeout(300);
+        QVERIFY(QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 3000));
+        QVERIFY(log.contains("the remote side has not answered for 0.3 seconds; the paste ends"));
     });
     rows("connection lost", 1, PastedError::websoketDisconnect, chunk, [](EngineHarness &h, const Query &) { h.sink.lose(); });
     rows("disk full", 1, saveError, chunk + 1000, [](EngineHarness &h, const Query &q) {
@@ -228,12 +242,13 @@ void TestPaste::endings()
         QVERIFY(!fd.symLinkTarget().startsWith(h.dest));
     QCOMPARE(readFile(h.dest + "/f.bin"), fileBytes < 0 ? "<missing>" : data.first(fileBytes));
 
-    // After a failed save Ctrl+V waits for a new copy; after the others the copy is gone.
+    // Ctrl+V pastes the same copy again; after a lost connection it waits for a new one.
     h.paste();
-    QVERIFY(!h.nextFrame(0));
+    QCOMPARE(h.nextFrame(0).has_value(), h.sink.connected);
     if (!h.sink.connected)
-        h.reopen();
-    QVERIFY(h.pasteAll({descriptor("f.bin", quint64(data.size()))}, {{0, data}}));
+        h.reopen(), h.remoteCopy(), h.paste(), h.nextFrame();
+    h.offer({descriptor("f.bin", quint64(data.size()))});
+    QVERIFY(h.serve({{0, data}}));
     QVERIFY(h.lastEnd(true, PastedError::noError));
     QCOMPARE(readFile(h.dest + "/f.bin"), data);
 }
@@ -279,18 +294,32 @@ void TestPaste::chooserGuardsAndStrayReplies()
     h.remoteCopy();
     h.sink.lose();
     h.reopen();
-    // Cancelled, confirmed without a folder or with an empty one: the same as cancelled.
+    // Cancelled, confirmed without a folder or with an empty one: the same as cancelled,
+    // and the same copy can be pasted again.
     for (const FolderChoice &none : {FolderChoice{}, FolderChoice{true, std::nullopt}, FolderChoice{true, QUrl()}}) {
         h.chooser->answer = none;
         QVERIFY(h.pasteOf({descriptor("x", 5)}) && h.engine->pasteStatus() == PasteStatus::complete);
-        QVERIFY(!h.engine->hasFormList() && !h.nextFrame(0) && h.ends.size() == 2);
+        QVERIFY(h.engine->hasFormList() && !h.nextFrame(0) && h.ends.size() == 2);
     }
     QVERIFY(h.chooser->runs == 5 && log.count("用户取消选择文件") == 1 && log.contains("选择的文件路径：" + h.dest));
+    // A list nobody asked for opens no chooser and writes nothing.
+    h.offer({descriptor("unasked", 0)});
+    QVERIFY(h.chooser->runs == 5 && log.contains("a descriptor list that no paste asked for; ignored"));
+    // A list that does not decode, or is too long, ends its paste; Ctrl+V works again.
+    h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(h.dest)};
+    for (const QByteArray &bad : {hex("12 03 62 01 ff 07"), QByteArray::fromHex("1200").repeated(1000001) + '\x07'}) {
+        h.paste();
+        QVERIFY(h.nextFrame());
+        h.send(bad);
+        QVERIFY(h.lastEnd(false, PastedError::unKonwnError) && !h.nextFrame(0));
+    }
+    QVERIFY(log.contains("the remote copy could not be read: its entry 0 is not a file description; the paste ends")
+            && log.contains("the remote copy has more than 1000000 entries; it is not pasted") && h.ends.size() == 4);
 
     // Folders only: nothing to fetch, nothing to report.
     h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(h.dest)};
     QVERIFY(h.pasteOf({descriptor("only", 0, 0x10)}) && h.engine->pasteStatus() == PasteStatus::complete);
-    QVERIFY(h.ends.size() == 2 && !h.nextFrame(0) && treeOf(h.dest) == QStringList{"mine 3"});
+    QVERIFY(h.ends.size() == 4 && !h.nextFrame(0) && treeOf(h.dest) == QStringList{"mine 3"});
     // A stray reply after a loss cannot end the next paste, nor lose its copy.
     QVERIFY(h.pasteOf({descriptor("big", 3 * chunk)}));
     h.query();
@@ -298,7 +327,7 @@ void TestPaste::chooserGuardsAndStrayReplies()
     h.reopen();
     h.remoteCopy();
     h.send(hex("0a 05 06"));
-    QVERIFY(h.ends.size() == 3 && h.engine->hasFormList());
+    QVERIFY(h.ends.size() == 5 && h.engine->hasFormList());
     // An empty reply's repeat is sent whatever the status: a new remote copy meanwhile
     // does not stall the download. A reply during the wait cancels the repeat.
     QVERIFY(h.pasteOf({descriptor("big", 3 * chunk)}));
@@ -311,6 +340,61 @@ void TestPaste::chooserGuardsAndStrayReplies()
     h.reply(q.streamid(), pattern(chunk, 1));
     QCOMPARE(h.query().npositionlow(), chunk);
     QVERIFY(!h.nextFrame(800) && log.contains("总chunks:3")); // the cancelled repeat never comes; 3 chunks, not 4
+}
+
+// A paste's end reaches its own callbacks. A download that ends while the next paste's
+// chooser is open does not stop the folder then chosen from starting that paste; a
+// download still running when the next paste has its folder ends as Stop would end it.
+void TestPaste::onePasteAtATime()
+{
+    EngineHarness h;
+    QList<QPair<char, bool>> ends; // which paste ended, and how
+    const auto paste = [&](char which) {
+        h.engine->startPaste({}, [&ends, which](bool ok, PastedError) { ends.append({which, ok}); });
+        return h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest).has_value();
+    };
+    const QByteArray first = pattern(2 * chunk, 1), second = pattern(3 * chunk, 2);
+    h.remoteCopy();
+    QVERIFY(paste('a'));
+    h.offer({descriptor("first", 2 * chunk)});
+    h.reply(h.query().streamid(), QByteArray(8, 0));
+    const Query running = h.query();
+    h.reply(running.streamid(), first.first(chunk));
+    const Query last = h.query();
+    h.remoteCopy();
+    QVERIFY(paste('b'));
+    h.chooser->whileOpen = [&] { h.reply(last.streamid(), first.mid(chunk)); }; // the first download ends meanwhile
+    h.offer({descriptor("second", 3 * chunk), descriptor("second", 3 * chunk)});
+    QCOMPARE(ends, (QList<QPair<char, bool>>{{'a', true}}));
+    const Query size = h.query(); // the second paste has started
+    QVERIFY(size.dwflags() == 1 && size.listindex() == 0);
+    h.reply(size.streamid(), QByteArray(8, 0));
+    h.reply(h.query().streamid(), second.first(chunk));
+    QCOMPARE(h.query().npositionlow(), chunk);
+    // A third paste into another folder ends the second before it starts.
+    const QString other = h.root.filePath("other");
+    QVERIFY(QDir().mkpath(other));
+    h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(other)};
+    h.remoteCopy();
+    QVERIFY(paste('c'));
+    h.offer({descriptor("third", 5)});
+    QCOMPARE(ends, (QList<QPair<char, bool>>{{'a', true}, {'b', false}}));
+    for (int i = 0; i < 2; ++i) {
+        const Query q = h.query();
+        h.reply(q.streamid(), answerFor(q, "third"));
+    }
+    QCOMPARE(ends.last(), (QPair<char, bool>{'c', true}));
+    QCOMPARE(readFile(h.dest + "/first"), first);
+    QCOMPARE(readFile(other + "/third"), "third");
+    // An entry equal in every field to an earlier one is asked for under the earlier one's position.
+    h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(h.dest)};
+    QVERIFY(h.pasteOf({descriptor("second", 3), descriptor("x", 1), descriptor("second", 3)}));
+    QList<std::uint32_t> indexes;
+    while (auto q = h.nextQuery(0)) {
+        indexes.append(q->listindex());
+        h.reply(q->streamid(), answerFor(*q, q->listindex() ? "x" : "abc"));
+    }
+    QCOMPARE(indexes, (QList<std::uint32_t>{0, 0, 1, 1, 0, 0}));
 }
 
 void TestPaste::window_data()

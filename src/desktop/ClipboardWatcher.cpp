@@ -1,6 +1,7 @@
 #include "ClipboardWatcher.h"
 
 #include "DesktopLog.h"
+#include "LogText.h"
 
 #include <QTimer>
 
@@ -100,7 +101,7 @@ void ClipboardWatcher::paste()
     CompletionCallback completion = m_completion;
     m_clipManager->startPaste(
         [progress](double value) {
-            qCInfo(lcDesktop).noquote().nospace() << "当前的百分比：" << value;
+            qCInfo(lcDesktop).noquote().nospace() << "当前的百分比：" << kx::decimalText(value);
             if (progress)
                 progress(value);
         },

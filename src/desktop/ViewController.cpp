@@ -2,6 +2,7 @@
 
 #include "DesktopLog.h"
 #include "LaunchArguments.h"
+#include "LogText.h"
 
 #include <QLabel>
 #include <QLocale>
@@ -103,7 +104,7 @@ void ViewController::handlePasteProgress(double progress)
         m_stopBtn->setHidden(false);
         setBarValue(progress);
         updateDetail();
-        qCInfo(lcDesktop).noquote().nospace() << "Progress: " << progress;
+        qCInfo(lcDesktop).noquote().nospace() << "Progress: " << kx::decimalText(progress);
     }, Qt::QueuedConnection);
 }
 

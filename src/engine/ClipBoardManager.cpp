@@ -15,6 +15,17 @@
 
 Q_LOGGING_CATEGORY(lcEngine, "kx.engine")
 
+namespace {
+
+bool offersFiles(const std::optional<FileSDK::CliprdrFormatList> &list)
+{
+    return list && std::any_of(list->formats().begin(), list->formats().end(), [](const FileSDK::CliprdrFormat &format) {
+        return format.formatname() == kx::wire::descriptorFormatName;
+    });
+}
+
+} // namespace
+
 EngineContext EngineContext::shared(PasteboardAccess &pasteboard)
 {
     return EngineContext{*SocketManager::shared(), *KXFileManager::shared(), pasteboard};
@@ -34,6 +45,10 @@ ClipBoardManager::ClipBoardManager(const QString &ip, const QString &port, const
     m_context.connection.setDelegate(this);
     m_pasteStatus = PasteStatus::start;
     m_context.files.setDelegate(this);
+    m_listTimer = new QTimer(this);
+    m_listTimer->setSingleShot(true);
+    m_listTimer->setInterval(m_replyTimeoutMs);
+    connect(m_listTimer, &QTimer::timeout, this, &ClipBoardManager::listTimedOut);
 }
 
 // The connection and the file manager hold this engine through a QPointer: once it is
@@ -46,13 +61,12 @@ void ClipBoardManager::send(const google::protobuf::MessageLite &message, FrameT
     kx::sendFrame(m_context.connection, message, type, completionText);
 }
 
-void ClipBoardManager::callCompletion(bool success, PastedError error)
+void ClipBoardManager::setReplyTimeout(int ms)
 {
-    // Cleared before the call: a callback that starts another paste must not be wiped.
-    CompletionCallback completion = std::move(m_callback);
-    m_callback = nullptr;
-    if (completion)
-        completion(success, error);
+    m_replyTimeoutMs = ms;
+    m_listTimer->setInterval(ms);
+    if (m_paste)
+        m_paste->setReplyTimeout(ms);
 }
 
 void ClipBoardManager::socketDidConnect()
@@ -67,14 +81,14 @@ void ClipBoardManager::socketDidConnect()
 void ClipBoardManager::socketDidDisconnect()
 {
     qCInfo(lcEngine).noquote() << "wewebsoketbsoket connect fail,重连websoket";
-    if (m_pasteStatus != PasteStatus::start)
-        callCompletion(false, PastedError::websoketDisconnect);
+    // Only a paste that runs hears of it: with nothing asked for, a lost connection is
+    // no error of the user's. The transfer dies with the connection, so a stray reply
+    // that comes later finds no file of it to write or to end.
+    endPendingPaste(PastedError::websoketDisconnect);
+    endRunningPaste(PastedError::websoketDisconnect);
     setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
     m_context.connection.reconnect();
-    // The transfer dies with the connection, whatever the status: a stray reply that
-    // comes later must find no file of it to write or to end.
-    stopTransfer();
     m_copy.connectionLost();
 }
 
@@ -94,14 +108,27 @@ void ClipBoardManager::socketDidDrain()
     m_copy.drained();
 }
 
+// Ctrl+V: a paste of the remote copy on offer, unless one already waits for its list or
+// its folder. A download that runs goes on until the new paste has its folder.
 void ClipBoardManager::startPaste(ProgressCallback progress, CompletionCallback completion)
 {
-    m_callback = std::move(completion);
-    m_pastedProgressCallback = std::move(progress);
-    if (!m_formList)
+    if (!m_formList || m_pending)
         return;
-    if (m_pasteStatus == PasteStatus::start || m_pasteStatus == PasteStatus::complete)
-        sendFormatDataRequest();
+    sendFormatDataRequest(std::move(progress), std::move(completion));
+}
+
+void ClipBoardManager::setPasteStatus(PasteStatus status)
+{
+    if (status != PasteStatus::cancel) {
+        m_pasteStatus = status;
+        return;
+    }
+    // Stop: the download that runs ends now, or else the paste that waits for its list.
+    // Nothing that comes later can undo it.
+    if (pasteRunning())
+        endRunningPaste(PastedError::cancelDownload);
+    else if (m_pending && !m_pending->choosing)
+        endPendingPaste(PastedError::cancelDownload);
 }
 
 void ClipBoardManager::copiedFiles(const QList<QUrl> &urls)
@@ -128,22 +155,29 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
 }
 
 // Whether files are on offer for a paste: a remote copy with the file list format, and
-// no paste of it started yet. A newer copy replaces the older.
+// no paste of it under way. A newer copy replaces the older; the same copy can be pasted
+// again once a paste of it has ended.
 void ClipBoardManager::setFormList(std::optional<FileSDK::CliprdrFormatList> list)
 {
     m_formList = std::move(list);
-    bool offered = false;
-    if (m_formList) {
-        for (const FileSDK::CliprdrFormat &format : m_formList->formats())
-            offered = offered || format.formatname() == kx::wire::descriptorFormatName;
-    }
+    const bool offered = offersFiles(m_formList);
     if (offered || offered != m_filesOffered) // every new copy with files is news
         emit filesOffered(m_filesOffered = offered);
 }
 
-void ClipBoardManager::sendFormatDataRequest()
+// A paste has ended: the same remote copy can be pasted again.
+void ClipBoardManager::offerAgain()
+{
+    if (offersFiles(m_formList) && !m_filesOffered)
+        emit filesOffered(m_filesOffered = true);
+}
+
+void ClipBoardManager::sendFormatDataRequest(ProgressCallback progress, CompletionCallback completion)
 {
     m_pasteStatus = PasteStatus::pasting;
+    m_pending.emplace();
+    m_pending->progress = std::move(progress);
+    m_pending->completion = std::move(completion);
     if (m_filesOffered)
         emit filesOffered(m_filesOffered = false); // the paste has started
     std::uint32_t formatId = 0;
@@ -154,30 +188,38 @@ void ClipBoardManager::sendFormatDataRequest()
     FileSDK::CliprdrFormatDataRequest request;
     *request.mutable_header() = m_formList->header();
     request.set_requestedformatid(formatId);
+    m_listTimer->start();
     send(request, FrameType::formatDataRequest, "向widows发送control + v成功");
 }
 
 void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
 {
-    // The chooser runs a nested event loop; a second list meanwhile must not open a
-    // second chooser or replace the list the user is choosing a folder for.
-    if (m_choosingFolder) {
-        qCInfo(lcEngine).noquote() << "a descriptor list arrived while the folder chooser is open; ignored";
+    // Only the paste that asked for a list takes one: a list nobody asked for opens no
+    // chooser, and a second one while the chooser is open does not replace the first.
+    if (!m_pending || m_pending->choosing) {
+        qCInfo(lcEngine).noquote() << "a descriptor list that no paste asked for; ignored";
         return;
     }
-    m_formatDataResponse = kx::parseMessage<FileSDK::MacCliprdrFormatDataResponse>(payload);
-    if (!m_formatDataResponse)
+    m_listTimer->stop();
+    const DescriptorList::Scan scan = DescriptorList::scan(payload, m_pending->list);
+    if (scan != DescriptorList::Scan::ok) {
+        qCInfo(lcEngine).noquote().nospace()
+            << (scan == DescriptorList::Scan::tooLong
+                    ? QStringLiteral("the remote copy has more than %1 entries; it is not pasted").arg(DescriptorList::maxEntries)
+                    : QStringLiteral("the remote copy could not be read: its file list does not decode"));
+        endPendingPaste(PastedError::unKonwnError);
         return;
+    }
     qCInfo(lcEngine).noquote() << "收到windows->mac,准备让用户选择下载路径";
-    m_choosingFolder = true;
-    m_chooserPasteSerial = m_pasteSerial;
+    m_pending->choosing = true;
     m_context.files.chooseDestinationFolder();
-    m_choosingFolder = false;
 }
 
 void ClipBoardManager::folderChosen(const QUrl &url)
 {
-    if (m_choosingFolder && m_chooserPasteSerial != m_pasteSerial) {
+    // The chooser runs a nested event loop: the connection may have been lost meanwhile,
+    // and with it the paste the chooser was opened for.
+    if (!m_pending || !m_pending->choosing) {
         qCInfo(lcEngine).noquote() << "paste ended while the folder was being chosen; nothing is downloaded";
         return;
     }
@@ -186,39 +228,38 @@ void ClipBoardManager::folderChosen(const QUrl &url)
 
 void ClipBoardManager::folderChoiceCancelled()
 {
-    setFormList(std::nullopt);
-    m_pasteStatus = PasteStatus::complete;
+    if (!m_pending || !m_pending->choosing)
+        return;
+    m_pending.reset();
+    m_pasteStatus = pasteRunning() ? PasteStatus::downloading : PasteStatus::complete;
+    offerAgain();
 }
 
 void ClipBoardManager::startDownload(const QUrl &url)
 {
-    stopTransfer();
+    PendingPaste pending = std::move(*m_pending);
+    m_pending.reset();
+    // One paste at a time: one that still runs ends as Stop would end it, told to its own
+    // callbacks, before the new one starts.
+    endRunningPaste(PastedError::cancelDownload);
     // The chosen folder may itself be a link; it is resolved once, here. Beneath it no
     // link is ever followed.
     const QString chosen = url.toLocalFile();
     const QString canonical = QFileInfo(chosen).canonicalFilePath();
     m_pasteStatus = PasteStatus::downloading;
-    // The list moves into the transfer: a list of tens of MiB is held once, not twice.
-    google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> list;
-    if (m_formatDataResponse)
-        list.Swap(m_formatDataResponse->mutable_filedes());
-    m_formatDataResponse.reset();
-    m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical, std::move(list));
-    m_paste->downloadNextFile();
+    m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical, std::move(pending.list),
+                                             std::move(pending.progress), std::move(pending.completion));
+    m_paste->start();
 }
 
 void ClipBoardManager::handleContentResponse(const QByteArray &payload)
 {
-    if (!m_paste || !m_paste->hasCurrentFile())
+    if (!pasteRunning())
         return;
-    if (m_pasteStatus == PasteStatus::cancel) {
-        endPaste(PastedError::cancelDownload);
-        return;
-    }
     const auto reply = kx::parseMessage<FileSDK::CliprdrFileContentsResponse>(payload);
     if (!reply) {
         qCInfo(lcEngine).noquote() << "a file contents reply could not be decoded; the paste ends";
-        endPaste(PastedError::unKonwnError);
+        endRunningPaste(PastedError::unKonwnError);
         return;
     }
     m_paste->handleContentResponse(*reply);
@@ -239,51 +280,41 @@ std::uint64_t ClipBoardManager::totalBytes() const
     return m_paste ? m_paste->downloadTotalSize() : 0;
 }
 
-void ClipBoardManager::reportProgress(double fraction)
+bool ClipBoardManager::pasteRunning() const
 {
-    if (m_pastedProgressCallback)
-        m_pastedProgressCallback(fraction);
+    return m_paste && m_paste->running();
 }
 
-// Every file is saved, or there was none to save (only folders): no callback then.
-void ClipBoardManager::downloadQueueEmptied()
+void ClipBoardManager::endPendingPaste(PastedError error)
 {
-    m_pasteStatus = PasteStatus::complete;
+    if (!m_pending)
+        return;
+    m_listTimer->stop();
+    const CompletionCallback completion = std::move(m_pending->completion);
+    m_pending.reset();
+    m_pasteStatus = pasteRunning() ? PasteStatus::downloading : PasteStatus::complete;
+    if (completion)
+        completion(false, error);
+    offerAgain();
 }
 
-void ClipBoardManager::finishPaste()
+void ClipBoardManager::endRunningPaste(PastedError error)
 {
-    if (ProgressCallback progress = std::move(m_pastedProgressCallback)) {
-        m_pastedProgressCallback = nullptr;
-        progress(1.0);
-    }
-    setFormList(std::nullopt);
-    m_pasteStatus = PasteStatus::complete;
-    ++m_pasteSerial;
-    callCompletion(true, PastedError::noError);
+    if (pasteRunning())
+        m_paste->end(false, error);
 }
 
-// Ends the running paste by cancel or by a reply that cannot be taken: the partly
-// written file stays on disk, the next paste starts from its first chunk.
-void ClipBoardManager::endPaste(PastedError error)
+void ClipBoardManager::listTimedOut()
 {
-    stopTransfer();
-    setFormList(std::nullopt);
-    m_pasteStatus = PasteStatus::complete;
-    callCompletion(false, error);
+    qCInfo(lcEngine).noquote().nospace() << "the remote side has not answered for "
+                                         << QString::number(m_replyTimeoutMs / 1000.0) << " seconds; the paste ends";
+    endPendingPaste(PastedError::websoketDisconnect);
 }
 
-// A file that cannot be created or written stops the paste with saveError. The status
-// stays downloading, as after any local save failure, until a new remote copy arrives.
-void ClipBoardManager::failSave()
+void ClipBoardManager::pasteEnded(PasteSession &session)
 {
-    stopTransfer();
-    callCompletion(false, PastedError::saveError);
-}
-
-void ClipBoardManager::stopTransfer()
-{
-    ++m_pasteSerial;
-    if (m_paste)
-        m_paste->stop();
+    Q_UNUSED(session);
+    m_pasteStatus = m_pending ? PasteStatus::pasting : PasteStatus::complete;
+    if (!m_pending)
+        offerAgain();
 }

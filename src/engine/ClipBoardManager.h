@@ -8,8 +8,10 @@
 #include "SocketManagerDelegate.h"
 #include "copy/CopyServer.h"
 #include "filesdk.pb.h"
+#include "paste/DescriptorList.h"
 
 #include <QObject>
+#include <QTimer>
 #include <QUrl>
 
 #include <cstdint>
@@ -35,6 +37,8 @@ public:
     using CompletionCallback = std::function<void(bool, PastedError)>;
 
     static constexpr int maxWindow = 64;
+    // A paste whose remote side answers nothing for this long ends as a lost connection does.
+    static constexpr int defaultReplyTimeoutMs = 60000;
 
     // window: how many range queries a paste keeps outstanding; 1 is the one-at-a-time
     // exchange every agent understands.
@@ -46,11 +50,13 @@ public:
     void copiedFiles(const QList<QUrl> &urls);
 
     PasteStatus pasteStatus() const { return m_pasteStatus; }
-    // Setting cancel is the stop request; the paste ends at the next file-contents reply.
-    void setPasteStatus(PasteStatus status) { m_pasteStatus = status; }
+    // Setting cancel is the stop request: the running paste ends at once, and for good.
+    void setPasteStatus(PasteStatus status);
     bool hasFormList() const { return m_formList.has_value(); }
     const QString &urlText() const { return m_urlText; }
     int window() const { return m_window; }
+    int replyTimeoutMs() const { return m_replyTimeoutMs; }
+    void setReplyTimeout(int ms);
 
     // What the progress window shows besides the bar.
     QString currentFileName() const;
@@ -84,20 +90,29 @@ public:
 private:
     friend class PasteSession;
 
+    // A paste between Ctrl+V and the chosen folder: its callbacks, and the list once it came.
+    struct PendingPaste
+    {
+        ProgressCallback progress;
+        CompletionCallback completion;
+        bool choosing = false; // the list came; the folder chooser is open
+        DescriptorList list;
+    };
+
     void send(const google::protobuf::MessageLite &message, FrameType type, const char *completionText);
-    void callCompletion(bool success, PastedError error);
 
     void setFormList(std::optional<FileSDK::CliprdrFormatList> list);
-    void sendFormatDataRequest();
+    void offerAgain();
+    void sendFormatDataRequest(ProgressCallback progress, CompletionCallback completion);
     void startDownload(const QUrl &url);
-
-    // How the paste reports its course and its end.
-    void reportProgress(double fraction);
-    void downloadQueueEmptied();
-    void finishPaste();
-    void endPaste(PastedError error);
-    void failSave();
-    void stopTransfer();
+    bool pasteRunning() const;
+    // Ends the paste that waits for its list, or the download that runs, with its own
+    // callbacks.
+    void endPendingPaste(PastedError error);
+    void endRunningPaste(PastedError error);
+    void listTimedOut();
+    // A download has ended, whichever way.
+    void pasteEnded(PasteSession &session);
 
     EngineContext m_context;
     int m_window = 1;
@@ -105,18 +120,12 @@ private:
 
     std::optional<FileSDK::CliprdrFormatList> m_formList;
     bool m_filesOffered = false;
-    CompletionCallback m_callback;
-    ProgressCallback m_pastedProgressCallback;
-    std::optional<FileSDK::MacCliprdrFormatDataResponse> m_formatDataResponse;
     PasteStatus m_pasteStatus = PasteStatus::start;
-    // The running or last paste's transfer: its files, queries and per-file state.
+    std::optional<PendingPaste> m_pending;
+    // The running or last download: its files, queries and per-file state.
     std::unique_ptr<PasteSession> m_paste;
-
-    // Raised whenever a paste ends, so that a folder chosen in a nested event loop after
-    // its paste was ended (a lost connection) starts nothing.
-    std::uint64_t m_pasteSerial = 0;
-    bool m_choosingFolder = false;
-    std::uint64_t m_chooserPasteSerial = 0;
+    int m_replyTimeoutMs = defaultReplyTimeoutMs;
+    QTimer *m_listTimer = nullptr; // the list asked for must come within the time-out
 
     CopyServer m_copy;
 };

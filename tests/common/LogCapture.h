@@ -1,5 +1,7 @@
 #pragma once
 
+#include "LogText.h"
+
 #include <QStringList>
 #include <QtGlobal>
 
@@ -34,7 +36,7 @@ private:
     {
         const bool ours = context.category && std::strncmp(context.category, "kx.", 3) == 0;
         if (ours)
-            captured.append(message);
+            captured.append(kx::escapedName(message)); // as the log writes it
         if ((!ours || qEnvironmentVariableIsSet("KX_TEST_ECHO_LOG")) && previous)
             previous(type, context, message);
     }

@@ -9,8 +9,10 @@
 #include "Wire.h"
 
 #include <QRandomGenerator>
-#include <QTimer>
 #include <QUrl>
+
+#include <algorithm>
+#include <functional>
 
 #include <sys/stat.h>
 
@@ -29,54 +31,115 @@ bool isFolder(const FileSDK::FileDescriptorw &d)
         || d.dwfileattributes() == kx::wire::folderAttributesNotIndexed;
 }
 
-// The descriptor's last-write time onto an open file or folder; its access time is left.
-bool setModificationTime(int fd, const FileSDK::FileDescriptorw &d)
+// The descriptor's last-write time, if it carries one a file can be given: a time of 0,
+// or before 1970, would set files to 1901.
+std::optional<std::uint64_t> lastWriteTime(const FileSDK::FileDescriptorw &d)
+{
+    const std::uint64_t time = kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow());
+    if (!(d.dwflags() & kx::wire::writeTimeFlag) || time < kx::unixEpochFileTime)
+        return std::nullopt;
+    return time;
+}
+
+// A time onto an open file or folder; its access time is left.
+bool setModificationTime(int fd, std::uint64_t fileTime)
 {
     timespec accessed{};
     accessed.tv_nsec = UTIME_OMIT;
-    const timespec times[] = {accessed, kx::timespecFromFileTime(kx::joinHalves(d.ftlastwritetimehigh(), d.ftlastwritetimelow()))};
+    const timespec times[] = {accessed, kx::timespecFromFileTime(fileTime)};
     return ::futimens(fd, times) == 0;
 }
 
 } // namespace
 
-// Folders are not fetched (a file's folders are made when it is opened), and the sizes of
-// the rest are summed; a sum past 2^64, which no real list reaches, stays at the top, so
-// that the progress is still a fraction.
-PasteSession::PasteSession(ClipBoardManager &engine, const QString &basePath,
-                           google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> list)
+PasteSession::PasteSession(ClipBoardManager &engine, const QString &basePath, DescriptorList list,
+                           ProgressCallback progress, CompletionCallback completion)
     : m_engine(engine)
     , m_window(engine.window())
     , m_pasteBasePath(basePath)
     , m_originFileDescriptorwList(std::move(list))
+    , m_pastedProgressCallback(std::move(progress))
+    , m_callback(std::move(completion))
 {
-    m_files.reserve(std::size_t(m_originFileDescriptorwList.size()));
-    for (int i = 0; i < m_originFileDescriptorwList.size(); ++i) {
-        const FileSDK::FileDescriptorw &d = m_originFileDescriptorwList.Get(i);
-        if (isFolder(d))
-            continue;
-        FileTask file;
-        file.listIndex = i;
-        file.size = kx::descriptorSize(d);
-        qCInfo(lcEngine).noquote().nospace() << "此文件大小:" << file.size;
-        if (__builtin_add_overflow(m_downloadTotalSize, file.size, &m_downloadTotalSize))
-            m_downloadTotalSize = std::numeric_limits<std::uint64_t>::max();
-        m_files.push_back(std::move(file));
-    }
-    qCInfo(lcEngine).noquote().nospace() << "下载文件总大小：" << m_downloadTotalSize;
-    qCInfo(lcEngine).noquote().nospace() << "需要下载的文件总个数:" << m_files.size();
+    m_replyTimer.setSingleShot(true);
+    m_replyTimer.setInterval(engine.replyTimeoutMs());
+    connect(&m_replyTimer, &QTimer::timeout, this, &PasteSession::replyTimedOut);
 }
 
 PasteSession::~PasteSession() = default;
 
-const FileSDK::FileDescriptorw &PasteSession::descriptor(const FileTask &file) const
-{
-    return m_originFileDescriptorwList.Get(file.listIndex);
-}
-
 QString PasteSession::currentFileName() const
 {
-    return m_head < m_files.size() ? QString::fromStdString(descriptor(m_files[m_head]).cfilename()) : QString();
+    return m_ended || m_head >= m_next ? QString() : QString::fromStdString(m_active.front().descriptor.cfilename());
+}
+
+void PasteSession::start()
+{
+    m_slice.start();
+    readList();
+}
+
+// Work that a slice could not finish goes on in a later turn of the event loop.
+void PasteSession::continueLater(void (PasteSession::*step)())
+{
+    if (m_continuing)
+        return;
+    m_continuing = true;
+    QTimer::singleShot(0, this, [this, step] {
+        m_continuing = false;
+        m_slice.start();
+        if (!m_ended)
+            (this->*step)();
+    });
+}
+
+// Folders are not fetched (a file's folders are made when it is opened), and the sizes of
+// the rest are summed; a sum past 2^64, which no real list reaches, stays at the top, so
+// that the progress is still a fraction.
+void PasteSession::readList()
+{
+    for (; m_listRead < m_originFileDescriptorwList.size(); ++m_listRead) {
+        if (sliceOver())
+            return continueLater(&PasteSession::readList);
+        const auto d = m_originFileDescriptorwList.entry(m_listRead);
+        if (!d) {
+            qCInfo(lcEngine).noquote().nospace() << "the remote copy could not be read: its entry " << m_listRead
+                                                 << " is not a file description; the paste ends";
+            return end(false, PastedError::unKonwnError);
+        }
+        if (isFolder(*d)) {
+            if (lastWriteTime(*d))
+                m_timedFolders.push_back(std::uint32_t(m_listRead));
+            continue;
+        }
+        const std::uint64_t size = kx::descriptorSize(*d);
+        qCInfo(lcEngine).noquote().nospace() << "此文件大小:" << size;
+        if (__builtin_add_overflow(m_downloadTotalSize, size, &m_downloadTotalSize))
+            m_downloadTotalSize = std::numeric_limits<std::uint64_t>::max();
+        m_entryHashes.emplace_back(std::hash<std::string>()(d->SerializeAsString()), std::uint32_t(m_files.size()));
+        m_files.push_back(std::uint32_t(m_listRead));
+    }
+    indexDuplicates();
+    qCInfo(lcEngine).noquote().nospace() << "下载文件总大小：" << m_downloadTotalSize;
+    qCInfo(lcEngine).noquote().nospace() << "需要下载的文件总个数:" << m_files.size();
+    downloadNextFile();
+}
+
+// A file's queries carry the position of the first entry equal to it in every field: an
+// entry that repeats an earlier one is asked for under the earlier one's position. Found
+// once for the whole list, by sorting, rather than by a search of the list per file.
+void PasteSession::indexDuplicates()
+{
+    std::sort(m_entryHashes.begin(), m_entryHashes.end());
+    for (std::size_t i = 1; i < m_entryHashes.size(); ++i) {
+        const auto &[hash, file] = m_entryHashes[i];
+        if (hash != m_entryHashes[i - 1].first)
+            continue;
+        if (m_queryIndexes.empty())
+            m_queryIndexes = m_files;
+        m_queryIndexes[file] = m_queryIndexes[m_entryHashes[i - 1].second];
+    }
+    std::vector<std::pair<std::uint64_t, std::uint32_t>>().swap(m_entryHashes);
 }
 
 void PasteSession::downloadNextFile()
@@ -84,8 +147,10 @@ void PasteSession::downloadNextFile()
     qCInfo(lcEngine).noquote() << "开始启动下载loop";
     if (m_files.empty()) {
         // Only folders: nothing to fetch, and nothing to report.
-        m_engine.downloadQueueEmptied();
         qCInfo(lcEngine).noquote() << "所有文件下载完成";
+        m_ended = true;
+        m_originFileDescriptorwList.clear();
+        m_engine.pasteEnded(*this);
         return;
     }
     pump();
@@ -95,66 +160,101 @@ void PasteSession::downloadNextFile()
 // the earliest files first, so that files complete in the order of the list.
 void PasteSession::pump()
 {
-    while (!m_stopped) {
-        closeSavedFiles();
+    while (!m_ended) {
+        if (sliceOver())
+            return continueLater(&PasteSession::pump);
+        if (m_head < m_next && m_active.front().out && m_active.front().saved == m_active.front().size) {
+            finishCurrentFile(m_active.front());
+            m_active.pop_front();
+            ++m_head;
+            qCInfo(lcEngine).noquote() << "开始启动下载loop";
+            continue;
+        }
         if (m_head == m_files.size()) {
-            finishAll();
-            return;
+            qCInfo(lcEngine).noquote() << "所有文件下载完成";
+            return setFolderTimes();
         }
         if (m_outstanding.size() >= std::size_t(m_window))
-            return;
+            break;
         if (requestNextRange())
             continue;
         if (m_next < m_files.size() && m_next - m_head < std::size_t(m_window)) {
             startCurrentFile(m_next++);
             continue;
         }
+        break;
+    }
+    watchReplies();
+}
+
+// After the last file, when nothing more is written into them: a folder's time would
+// move again with every file made inside it.
+void PasteSession::setFolderTimes()
+{
+    for (; m_foldersTimed < m_timedFolders.size(); ++m_foldersTimed) {
+        if (sliceOver())
+            return continueLater(&PasteSession::setFolderTimes);
+        const auto d = m_originFileDescriptorwList.entry(m_timedFolders[m_foldersTimed]);
+        const UniqueFd folder = KXFileStreamOperation::openFolderBeneath(
+            m_pasteBasePath, kx::remoteComponents(QString::fromStdString(d->cfilename())));
+        if (folder.valid())
+            setModificationTime(folder.get(), *lastWriteTime(*d));
+    }
+    finishPaste();
+}
+
+void PasteSession::finishPaste()
+{
+    if (ProgressCallback progress = std::exchange(m_pastedProgressCallback, nullptr))
+        progress(1.0);
+    end(true, PastedError::noError);
+}
+
+void PasteSession::end(bool success, PastedError error)
+{
+    if (m_ended)
         return;
-    }
-}
-
-// Files finish in list order: the first one not saved in full holds the later ones back.
-void PasteSession::closeSavedFiles()
-{
-    while (m_head < m_next && m_files[m_head].out && m_files[m_head].saved == m_files[m_head].size) {
-        finishCurrentFile(m_files[m_head]);
-        ++m_head;
-        qCInfo(lcEngine).noquote() << "开始启动下载loop";
-    }
-}
-
-// Every file saved, and no query outstanding: a reply that still comes matches none and
-// is ignored.
-void PasteSession::finishAll()
-{
-    qCInfo(lcEngine).noquote() << "所有文件下载完成";
-    setFolderTimes();
-    m_engine.finishPaste();
+    m_ended = true;
+    m_replyTimer.stop();
+    m_pastedProgressCallback = nullptr;
+    const CompletionCallback completion = std::exchange(m_callback, nullptr);
+    if (!success && completion)
+        completion(false, error);
+    m_active.clear(); // closes the files
+    m_outstanding.clear();
+    m_originFileDescriptorwList.clear();
+    std::vector<std::uint32_t>().swap(m_files);
+    std::vector<std::uint32_t>().swap(m_queryIndexes);
+    std::vector<std::uint32_t>().swap(m_timedFolders);
+    m_engine.pasteEnded(*this);
+    if (success && completion)
+        completion(true, PastedError::noError);
 }
 
 void PasteSession::startCurrentFile(std::size_t index)
 {
-    FileTask &file = m_files[index];
-    const QString name = QString::fromStdString(descriptor(file).cfilename());
+    FileTask &file = m_active.emplace_back();
+    file.listIndex = m_files[index];
+    file.queryIndex = m_queryIndexes.empty() ? file.listIndex : m_queryIndexes[index];
+    file.descriptor = m_originFileDescriptorwList.entry(file.listIndex).value_or(FileSDK::FileDescriptorw());
+    file.size = kx::descriptorSize(file.descriptor);
+    const QString name = QString::fromStdString(file.descriptor.cfilename());
     qCInfo(lcEngine).noquote().nospace() << "正在下载的文件名：self.currentDescriptorw!.cFileName:" << name;
     qCInfo(lcEngine).noquote().nospace() << "将要存储的目录是:" << m_pasteBasePath;
     if (!kx::isContainedRemotePath(name)) {
         qCInfo(lcEngine).noquote().nospace() << "refused a remote name outside the chosen folder: " << name;
-        m_engine.failSave();
-        return;
+        return end(false, PastedError::saveError);
     }
     file.out = KXFileStreamOperation::initFileOperationAtPath(name, true, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "文件总大小resultValue:" << file.size;
-    if (!file.out) {
-        m_engine.failSave();
-        return;
-    }
-    file.localPath = KXFileStreamOperation::getMacPathFromWindowsPath(name, m_pasteBasePath);
+    if (!file.out)
+        return end(false, PastedError::saveError);
     if (file.size == 0)
         return; // complete as it is; finished in its turn
+    file.localPath = KXFileStreamOperation::getMacPathFromWindowsPath(name, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "self.pasteBasePath:" << m_pasteBasePath << ' ' << m_pasteBasePath;
     qCInfo(lcEngine).noquote().nospace() << "windows转到mac的存储路径为:"
-                                         << QUrl::fromLocalFile(file.localPath).toString(QUrl::FullyEncoded);
+                                         << QUrl::toPercentEncoding(file.localPath, "!$&'()*+,/:;=@");
     file.chunks = file.size / kx::wire::chunkSize + (file.size % kx::wire::chunkSize ? 1 : 0);
     qCInfo(lcEngine).noquote().nospace() << "总chunks:" << file.chunks;
     sendContentRequest(index);
@@ -162,9 +262,9 @@ void PasteSession::startCurrentFile(std::size_t index)
 
 void PasteSession::sendContentRequest(std::size_t index)
 {
-    FileTask &file = m_files[index];
+    FileTask &file = task(index);
     qCInfo(lcEngine).noquote() << "sendContentRequest";
-    qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.listIndex;
+    qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.queryIndex;
     file.streamId = pipelined() ? nextStreamId() : makeStreamId();
     qCInfo(lcEngine).noquote().nospace() << "获取的streamid:" << file.streamId;
     sendQuery(file.streamId, Query{index, true, 0, kx::wire::sizeQueryLength}, sizeQuerySent);
@@ -175,7 +275,7 @@ void PasteSession::sendContentRequest(std::size_t index)
 bool PasteSession::requestNextRange()
 {
     for (std::size_t index = m_head; index < m_next; ++index) {
-        FileTask &file = m_files[index];
+        FileTask &file = task(index);
         if (!file.sized)
             continue;
         Query query{index};
@@ -200,26 +300,28 @@ bool PasteSession::requestNextRange()
 
 void PasteSession::sendQuery(std::uint32_t streamId, const Query &query, const char *completionText)
 {
-    const FileTask &file = m_files[query.file];
+    const FileTask &file = task(query.file);
     Query &sent = m_outstanding[streamId] = query;
     sent.serial = ++m_querySerial;
     sent.waiting = false;
     const std::uint32_t flags = query.sizeQuery ? kx::wire::sizeQueryFlag : kx::wire::rangeQueryFlag;
-    m_engine.send(kx::makeContentsQuery(streamId, std::uint32_t(file.listIndex), flags, query.offset, query.length),
+    m_engine.send(kx::makeContentsQuery(streamId, file.queryIndex, flags, query.offset, query.length),
                   FrameType::fileContentsRequest, completionText);
 }
 
 void PasteSession::handleContentResponse(const FileSDK::CliprdrFileContentsResponse &reply)
 {
     const auto found = m_outstanding.find(reply.streamid());
-    if (found == m_outstanding.end()) {
+    if (m_ended || found == m_outstanding.end()) {
         qCInfo(lcEngine).noquote().nospace() << "ignored a reply of stream " << reply.streamid()
                                              << ", which no query outstanding carries";
         return;
     }
+    m_slice.start();
+    m_replyTimer.start(); // the remote side is there
     const Query query = found->second;
-    FileTask &file = m_files[query.file];
-    qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.listIndex;
+    FileTask &file = task(query.file);
+    qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.queryIndex;
     if (query.sizeQuery) {
         // The size reply's bytes are not read: the descriptor list has told the size.
         m_outstanding.erase(found);
@@ -244,14 +346,8 @@ void PasteSession::scheduleRangeRetry(std::uint32_t streamId, std::uint64_t seri
 {
     QTimer::singleShot(retryWaitMs, this, [this, streamId, serial] {
         const auto found = m_outstanding.find(streamId);
-        if (m_stopped || found == m_outstanding.end() || found->second.serial != serial)
+        if (m_ended || found == m_outstanding.end() || found->second.serial != serial)
             return;
-        // Stop pressed during the wait: no reply is outstanding to end the paste, so the
-        // repeat that would have drawn one ends it now.
-        if (m_engine.pasteStatus() == ClipBoardManager::PasteStatus::cancel) {
-            m_engine.endPaste(PastedError::cancelDownload);
-            return;
-        }
         sendQuery(streamId, found->second, rangeRetrySent);
     });
 }
@@ -265,40 +361,41 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
     if (size > expected) {
         qCInfo(lcEngine).noquote().nospace() << "a reply of " << size << " bytes where at most " << expected
                                              << " were asked for; the paste ends";
-        m_engine.endPaste(PastedError::unKonwnError);
-        return;
+        return end(false, PastedError::unKonwnError);
     }
     qCInfo(lcEngine).noquote().nospace() << "downloadCurrentIndex:" << file.downloadCurrentIndex << "chunks:" << file.chunks;
     qCInfo(lcEngine).noquote().nospace() << "这一次存储downloadOffset:" << query.offset;
     qCInfo(lcEngine).noquote().nospace() << "这一次写入数据大小:" << size << " bytes";
     if (!file.out->writeDateOffSet(query.offset, QByteArray::fromRawData(bytes.data(), qsizetype(size)))) {
         qCInfo(lcEngine).noquote().nospace() << "writing at " << query.offset << " failed";
-        m_engine.failSave();
-        return;
+        return end(false, PastedError::saveError);
     }
-    const std::uint64_t end = query.offset + size;
-    qCInfo(lcEngine).noquote().nospace() << "将要请求的deoffset:" << end;
-    qCInfo(lcEngine).noquote().nospace() << "Low Value: " << kx::lowHalf(end) << " High Value: " << kx::highHalf(end);
-    qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.listIndex;
+    // The log tells the chunk after this one, as the one-at-a-time exchange counts; what
+    // is asked for next starts where the bytes written end.
+    const std::uint64_t following = query.offset + kx::wire::chunkSize;
+    qCInfo(lcEngine).noquote().nospace() << "将要请求的deoffset:" << following;
+    qCInfo(lcEngine).noquote().nospace() << "Low Value: " << kx::lowHalf(following);
+    qCInfo(lcEngine).noquote().nospace() << "High Value: " << kx::highHalf(following);
+    qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.queryIndex;
     ++file.downloadCurrentIndex;
     file.saved += size;
     m_alreadySavedTotalSize += size;
     if (size < expected) {
         // A short reply: no gap is ever left in a file.
         if (pipelined())
-            file.gaps.emplace_back(end, std::uint32_t(expected - size));
+            file.gaps.emplace_back(query.offset + size, std::uint32_t(expected - size));
         else
-            file.requested = end;
+            file.requested = query.offset + size;
     }
     struct stat written {};
     if (::fstat(file.out->writeDescriptor(), &written) != 0 || written.st_nlink == 0) {
         qCInfo(lcEngine).noquote().nospace() << "the file being written has disappeared: " << file.localPath;
-        m_engine.failSave();
-        return;
+        return end(false, PastedError::saveError);
     }
     const std::uint64_t savedSize = m_engine.m_context.files.fileSizeAtPath(file.localPath);
     qCInfo(lcEngine).noquote().nospace() << "当前已经存储了" << savedSize << "大小";
-    m_engine.reportProgress(double(m_alreadySavedTotalSize) / double(m_downloadTotalSize));
+    if (m_pastedProgressCallback)
+        m_pastedProgressCallback(double(m_alreadySavedTotalSize) / double(m_downloadTotalSize));
     qCInfo(lcEngine).noquote().nospace() << "已经存储的总大小：" << m_alreadySavedTotalSize
                                          << "文件总大小：" << m_downloadTotalSize;
     if (file.saved == file.size)
@@ -307,32 +404,26 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
 
 void PasteSession::finishCurrentFile(FileTask &file)
 {
-    const FileSDK::FileDescriptorw &d = descriptor(file);
-    if ((d.dwflags() & kx::wire::writeTimeFlag) && !setModificationTime(file.out->writeDescriptor(), d))
+    const auto time = lastWriteTime(file.descriptor);
+    if (time && !setModificationTime(file.out->writeDescriptor(), *time))
         qCInfo(lcEngine).noquote().nospace() << "could not set the modification time of " << file.localPath;
     file.out.reset(); // closes the file
-    file.gaps.clear();
 }
 
-// After the last file, when nothing more is written into them: a folder's time would
-// move again with every file made inside it.
-void PasteSession::setFolderTimes()
+// Queries outstanding are answered within the time-out, or the paste ends.
+void PasteSession::watchReplies()
 {
-    for (const FileSDK::FileDescriptorw &d : m_originFileDescriptorwList) {
-        if (!isFolder(d) || !(d.dwflags() & kx::wire::writeTimeFlag))
-            continue;
-        const UniqueFd folder = KXFileStreamOperation::openFolderBeneath(
-            m_pasteBasePath, kx::remoteComponents(QString::fromStdString(d.cfilename())));
-        if (folder.valid())
-            setModificationTime(folder.get(), d);
-    }
+    if (m_outstanding.empty())
+        m_replyTimer.stop();
+    else if (!m_replyTimer.isActive())
+        m_replyTimer.start();
 }
 
-void PasteSession::stop()
+void PasteSession::replyTimedOut()
 {
-    m_stopped = true;
-    for (FileTask &file : m_files)
-        file.out.reset();
+    qCInfo(lcEngine).noquote().nospace() << "the remote side has not answered for "
+                                         << QString::number(m_replyTimer.interval() / 1000.0) << " seconds; the paste ends";
+    end(false, PastedError::websoketDisconnect);
 }
 
 std::uint32_t PasteSession::nextStreamId()

@@ -1,20 +1,27 @@
 #pragma once
 
+#include "DescriptorList.h"
 #include "KXFileStreamOperation.h"
+#include "PastedError.h"
 #include "filesdk.pb.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
+#include <QTimer>
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
 
 class ClipBoardManager;
 
-// The transfer of one paste, from the chosen folder to the last byte: the files to
-// fetch in list order, the queries outstanding, and what each file has saved.
+// One paste, from the chosen folder to its end: the files to fetch in list order, the
+// queries outstanding, what each file has saved, and the paste's own callbacks, so that
+// its end is reported to whoever started it, whatever runs after it.
 //
 // With a window of 1 it is the one-query-at-a-time exchange: per file a size query, then
 // ranges of one chunk, each asked for where the bytes saved so far end. With a window of
@@ -22,21 +29,32 @@ class ClipBoardManager;
 // the sizes of the next files while earlier ones still arrive, and asks again for
 // exactly what a short reply left out. Either way files are finished, and reported, in
 // list order, and no reply is written past what its own query asked for.
+//
+// Work per entry (log lines, empty files, folder times) runs in slices, so no list, however
+// long, holds up the event loop: the connection and the user are served meanwhile.
 class PasteSession : public QObject
 {
 public:
-    PasteSession(ClipBoardManager &engine, const QString &basePath,
-                 google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> list);
+    using ProgressCallback = std::function<void(double)>;
+    using CompletionCallback = std::function<void(bool, PastedError)>;
+
+    // How long one slice of per-entry work may hold the event loop.
+    static constexpr int sliceMs = 50;
+
+    PasteSession(ClipBoardManager &engine, const QString &basePath, DescriptorList list, ProgressCallback progress,
+                 CompletionCallback completion);
     ~PasteSession() override;
 
-    // Starts the download loop; it goes on by itself, reply after reply.
-    void downloadNextFile();
+    // Reads the list through (sizes, totals), then fetches the files; it goes on by
+    // itself, reply after reply.
+    void start();
     void handleContentResponse(const FileSDK::CliprdrFileContentsResponse &reply);
-    // Ends the transfer where it is: files closed, and replies that still come, or the
-    // repeats still waiting, are ignored, so they write nothing.
-    void stop();
+    // Ends the paste, once: its completion first, then the files are closed and the list
+    // let go; replies that still come, and repeats still waiting, write nothing.
+    void end(bool success, PastedError error);
 
-    bool hasCurrentFile() const { return !m_stopped && m_head < m_files.size(); }
+    bool running() const { return !m_ended; }
+    void setReplyTimeout(int ms) { m_replyTimer.setInterval(ms); }
     QString currentFileName() const;
     std::uint64_t alreadySavedTotalSize() const { return m_alreadySavedTotalSize; }
     std::uint64_t downloadTotalSize() const { return m_downloadTotalSize; }
@@ -44,7 +62,9 @@ public:
 private:
     struct FileTask
     {
-        int listIndex = 0; // position in the list as received, folders counted
+        std::uint32_t listIndex = 0;  // position in the list as received, folders counted
+        std::uint32_t queryIndex = 0; // what its queries carry: the first equal entry's position
+        FileSDK::FileDescriptorw descriptor;
         std::uint64_t size = 0;
         std::unique_ptr<KXFileStreamOperation> out;
         QString localPath;
@@ -52,15 +72,13 @@ private:
         bool sized = false;
         std::uint64_t requested = 0; // bytes asked for, from the start of the file
         std::uint64_t saved = 0;
-        // What short replies left out; a vector, as it is empty in nearly every file and an
-        // empty vector costs nothing for each of a list's entries.
-        std::vector<std::pair<std::uint64_t, std::uint32_t>> gaps;
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> gaps; // what short replies left out
         std::uint64_t chunks = 0;
         std::int64_t downloadCurrentIndex = 0;
     };
     struct Query
     {
-        std::size_t file = 0;
+        std::size_t file = 0; // in the download queue
         bool sizeQuery = false;
         std::uint64_t offset = 0;
         std::uint32_t length = 0;
@@ -68,27 +86,44 @@ private:
         bool waiting = false; // answered empty; asked again after the retry wait
     };
 
-    const FileSDK::FileDescriptorw &descriptor(const FileTask &file) const;
     bool pipelined() const { return m_window > 1; }
+    bool sliceOver() const { return m_slice.elapsed() >= sliceMs; }
+    void continueLater(void (PasteSession::*step)());
+    void readList();
+    void indexDuplicates();
+    void downloadNextFile();
     void pump();
     void closeSavedFiles();
-    void finishAll();
-    void startCurrentFile(std::size_t index);
-    void sendContentRequest(std::size_t index);
+    void setFolderTimes();
+    void finishPaste();
+    FileTask &task(std::size_t file) { return m_active[file - m_head]; }
+    void startCurrentFile(std::size_t file);
+    void sendContentRequest(std::size_t file);
     bool requestNextRange();
     void sendQuery(std::uint32_t streamId, const Query &query, const char *completionText);
     void scheduleRangeRetry(std::uint32_t streamId, std::uint64_t serial);
     void saveContentData(FileTask &file, const Query &query, const FileSDK::CliprdrFileContentsResponse &reply);
     void finishCurrentFile(FileTask &file);
-    void setFolderTimes();
+    void watchReplies();
+    void replyTimedOut();
     std::uint32_t nextStreamId();
     static std::uint32_t makeStreamId();
 
     ClipBoardManager &m_engine;
     const int m_window;
     const QString m_pasteBasePath;
-    google::protobuf::RepeatedPtrField<FileSDK::FileDescriptorw> m_originFileDescriptorwList;
-    std::vector<FileTask> m_files; // the download queue: every entry but the folders
+    DescriptorList m_originFileDescriptorwList;
+    ProgressCallback m_pastedProgressCallback;
+    CompletionCallback m_callback;
+
+    std::size_t m_listRead = 0;                          // entries read so far, in slices
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> m_entryHashes; // of the files, while the list is read
+    std::vector<std::uint32_t> m_files;                  // the download queue: list positions of the files
+    std::vector<std::uint32_t> m_queryIndexes;           // by file, where an entry repeats an earlier one
+    std::vector<std::uint32_t> m_timedFolders;           // folders that carry a last-write time
+    std::size_t m_foldersTimed = 0;
+
+    std::deque<FileTask> m_active; // the files from the head to the last started
     std::size_t m_head = 0;        // the file being downloaded: the first not finished
     std::size_t m_next = 0;        // the first file not started
     std::map<std::uint32_t, Query> m_outstanding;
@@ -96,5 +131,10 @@ private:
     std::uint32_t m_streamCounter = 0;
     std::uint64_t m_downloadTotalSize = 0;
     std::uint64_t m_alreadySavedTotalSize = 0;
-    bool m_stopped = false;
+    QString m_shownName; // the file the progress window names
+
+    QElapsedTimer m_slice;
+    bool m_continuing = false;
+    QTimer m_replyTimer; // a remote side that stops answering ends the paste
+    bool m_ended = false;
 };

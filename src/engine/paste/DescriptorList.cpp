@@ -1,0 +1,67 @@
+#include "DescriptorList.h"
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
+
+using google::protobuf::internal::WireFormatLite;
+
+namespace {
+
+constexpr int headerField = 1;
+constexpr int descriptorField = 2;
+
+} // namespace
+
+DescriptorList::Scan DescriptorList::scan(const QByteArray &payload, DescriptorList &out)
+{
+    out.clear();
+    // The bytes are kept as they came; the entries point into them.
+    out.m_payload = QByteArray(payload.constData(), payload.size());
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(out.m_payload.constData());
+    google::protobuf::io::CodedInputStream in(bytes, int(out.m_payload.size()));
+    while (const std::uint32_t tag = in.ReadTag()) {
+        const int field = WireFormatLite::GetTagFieldNumber(tag);
+        const bool delimited = WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_LENGTH_DELIMITED;
+        if ((field == headerField || field == descriptorField) && !delimited)
+            return out.clear(), Scan::undecodable;
+        if (field == descriptorField) {
+            std::uint32_t length = 0;
+            if (!in.ReadVarint32(&length) || std::int64_t(length) > out.m_payload.size() - in.CurrentPosition())
+                return out.clear(), Scan::undecodable;
+            if (out.m_offsets.size() == maxEntries)
+                return out.clear(), Scan::tooLong;
+            out.m_offsets.push_back(std::uint32_t(in.CurrentPosition()));
+            out.m_lengths.push_back(length);
+            if (!in.Skip(int(length)))
+                return out.clear(), Scan::undecodable;
+        } else if (field == headerField) {
+            std::uint32_t length = 0;
+            FileSDK::CliprdrHeader header;
+            if (!in.ReadVarint32(&length) || std::int64_t(length) > out.m_payload.size() - in.CurrentPosition()
+                || !header.ParseFromArray(bytes + in.CurrentPosition(), int(length)) || !in.Skip(int(length)))
+                return out.clear(), Scan::undecodable;
+        } else if (field == 0 || !WireFormatLite::SkipField(&in, tag)) {
+            return out.clear(), Scan::undecodable;
+        }
+    }
+    if (!in.ConsumedEntireMessage() || in.CurrentPosition() != out.m_payload.size())
+        return out.clear(), Scan::undecodable;
+    out.m_offsets.shrink_to_fit();
+    out.m_lengths.shrink_to_fit();
+    return Scan::ok;
+}
+
+std::optional<FileSDK::FileDescriptorw> DescriptorList::entry(std::size_t index) const
+{
+    FileSDK::FileDescriptorw d;
+    if (index >= m_offsets.size() || !d.ParseFromArray(m_payload.constData() + m_offsets[index], int(m_lengths[index])))
+        return std::nullopt;
+    return d;
+}
+
+void DescriptorList::clear()
+{
+    m_payload = QByteArray();
+    std::vector<std::uint32_t>().swap(m_offsets);
+    std::vector<std::uint32_t>().swap(m_lengths);
+}
