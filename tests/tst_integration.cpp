@@ -56,6 +56,21 @@ bool reconnected(EngineHarness &h)
         && h.agent->nextFrame(0) == QByteArray(1, 0);
 }
 
+// The longest the event loop went without running a timer due every 5 ms: how long one
+// turn of it held the connection and the user waiting.
+struct TurnWatch
+{
+    QTimer tick;
+    QElapsedTimer since;
+    qint64 longest = 0;
+    TurnWatch()
+    {
+        QObject::connect(&tick, &QTimer::timeout, &tick, [this] { longest = std::max(longest, since.restart()); });
+        since.start();
+        tick.start(5);
+    }
+};
+
 } // namespace
 
 class TestIntegration : public QObject
@@ -231,6 +246,35 @@ void TestIntegration::hostileAgent_data()
         h.send(kx::makeContentsQuery(5, 1, 2, 0, 4096), FrameType::fileContentsRequest);
         const auto answer = h.next<FileSDK::CliprdrFileContentsResponse>(FrameType::fileContentsResponse);
         QVERIFY(answer && answer->header().msgflags() == 2 && answer->requesteddata().empty());
+    }) << QStringList{} << 0 << false;
+    QTest::newRow("a list of 64 MiB of empty entries") << Attack([](EngineHarness &h) {
+        TurnWatch turns;
+        h.remoteCopy();
+        h.paste();
+        QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+        h.send(QByteArray::fromHex("1200").repeated((32 << 20) - 1) + '\x07');
+        QTRY_VERIFY_WITH_TIMEOUT(h.lastEnd(false, PastedError::unKonwnError), 20000);
+        qInfo("the longest turn of the event loop took %lld ms", turns.longest);
+        QVERIFY2(turns.longest < 400 && h.chooser->runs == 0, qPrintable(QString::number(turns.longest)));
+    }) << QStringList{} << 400 << false;
+    QTest::newRow("100,000 empty files") << Attack([](EngineHarness &h) {
+        LogCapture log; // a dozen lines a file
+        Descriptors list;
+        for (int i = 0; i < 100000; ++i)
+            list.append(descriptor(QStringLiteral("many\\e%1").arg(i), 0));
+        TurnWatch turns;
+        QVERIFY(h.pasteOf(list));
+        QTRY_VERIFY_WITH_TIMEOUT(h.lastEnd(true, PastedError::noError), 120000);
+        qInfo("the longest turn of the event loop took %lld ms", turns.longest);
+        QVERIFY2(turns.longest < 400, qPrintable(QString::number(turns.longest)));
+        QCOMPARE(QDir(h.dest + "/many").count(), 100002u); // with "." and ".."
+        QVERIFY(QDir(h.dest + "/many").removeRecursively());
+    }) << QStringList{} << 0 << false;
+    QTest::newRow("a line break in a name") << Attack([](EngineHarness &h) {
+        LogCapture log;
+        QVERIFY(h.pasteAll({descriptor("a\n所有文件粘贴成功.txt", 2)}, {{0, "ok"}}));
+        QVERIFY(!log.contains("所有文件粘贴成功.txt") && log.contains("正在下载的文件名：self.currentDescriptorw!.cFileName:a\\n所有文件粘贴成功.txt"));
+        QVERIFY(QFile::remove(h.dest + "/a\n所有文件粘贴成功.txt")); // written under its own name
     }) << QStringList{} << 0 << false;
     QTest::newRow("a name of 32,000 components") << Attack([](EngineHarness &h) {
         QElapsedTimer clock;
