@@ -38,35 +38,26 @@ void CopyOffer::rebuild()
     // listed is counted but not described, so cItems may exceed the descriptors.
     for (const QUrl &url : std::as_const(m_fileList)) {
         m_rootDirectory = url;
-        const QFileInfo item(url.toLocalFile());
-        if (!item.exists() || isSpecial(item, url.toLocalFile()))
+        // What the user copied is what they meant, a link included: it is resolved here,
+        // once, and everything below it is read from where it pointed then.
+        const QFileInfo copied(url.toLocalFile());
+        const bool link = copied.isSymLink();
+        m_rootPath = link ? copied.canonicalFilePath() : url.toLocalFile();
+        const QFileInfo item(m_rootPath);
+        if (m_rootPath.isEmpty() || !item.exists() || isSpecial(item, m_rootPath))
             continue;
         ++m_uploadQueueNum;
+        const QUrl local = link ? QUrl::fromLocalFile(m_rootPath) : url;
         if (item.isDir()) {
-            appendRootFolderDescriptor(url);
-            QStringList walk;
-            if (enterFolder(item.absoluteFilePath(), walk))
-                appendDirectoryDescriptors(url.toLocalFile(), walk);
+            appendRootFolderDescriptor(local);
+            appendDirectoryDescriptors(m_rootPath);
         } else {
-            appendRootFileDescriptor(url);
+            appendRootFileDescriptor(local);
         }
     }
     // Every descriptor of one offer carries the offer's total count.
     for (FileSDK::FileDescriptorw &descriptor : m_uploadCopyQueue)
         descriptor.set_citems(std::uint32_t(m_uploadQueueNum));
-}
-
-// Symbolic links are followed, so a link back to a folder being walked would never end:
-// a folder already on the walk path is listed but not entered again.
-bool CopyOffer::enterFolder(const QString &path, QStringList &walk)
-{
-    const QString canonical = QFileInfo(path).canonicalFilePath();
-    if (walk.contains(canonical)) {
-        qCInfo(lcEngine).noquote().nospace() << "Skipping a folder already on the walk path (link cycle): " << path;
-        return false;
-    }
-    walk.append(canonical);
-    return true;
 }
 
 std::optional<QStringList> CopyOffer::listFolder(const QString &path)
@@ -104,10 +95,10 @@ QString CopyOffer::relativePath(const QString &from, const QString &to)
 
 QString CopyOffer::remoteName(const QString &itemPath) const
 {
-    const QString rootPath = kx::withoutTrailingSlashes(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
-    const QString relative = relativePath(rootPath, kx::withoutTrailingSlashes(itemPath));
+    const QString copied = kx::withoutTrailingSlashes(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
+    const QString relative = relativePath(kx::withoutTrailingSlashes(m_rootPath), kx::withoutTrailingSlashes(itemPath));
     qCInfo(lcEngine).noquote().nospace() << "Directoryrela:" << relative;
-    QString name = QFileInfo(rootPath).fileName() + QStringLiteral("//") + relative;
+    QString name = QFileInfo(copied).fileName() + QStringLiteral("//") + relative;
     while (name.endsWith(QLatin1String("//")))
         name.chop(1);
     return name;
@@ -165,7 +156,7 @@ void CopyOffer::appendRootFolderDescriptor(const QUrl &url)
     m_uploadCopyUrlList.append(url);
 }
 
-void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &walk)
+void CopyOffer::appendDirectoryDescriptors(const QString &path)
 {
     const auto names = listFolder(path);
     if (!names)
@@ -173,6 +164,12 @@ void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &wal
     for (const QString &name : *names) {
         const QString full = joinPath(path, name);
         const QFileInfo info(full);
+        // A link inside a copied folder may lead anywhere, the user's keys included, or
+        // back up the tree: only what the folder itself holds is offered.
+        if (info.isSymLink()) {
+            qCInfo(lcEngine).noquote().nospace() << "Skipping " << full << ": a symbolic link, not followed";
+            continue;
+        }
         if (isSpecial(info, full))
             continue;
         ++m_uploadQueueNum;
@@ -182,9 +179,7 @@ void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &wal
         qCInfo(lcEngine).noquote().nospace() << (folder ? "Directory: " : "File: ") << full;
         m_uploadCopyQueue.append(makeDescriptor(full, folder));
         m_uploadCopyUrlList.append(QUrl::fromLocalFile(full));
-        if (folder && enterFolder(full, walk)) {
-            appendDirectoryDescriptors(full, walk);
-            walk.removeLast();
-        }
+        if (folder)
+            appendDirectoryDescriptors(full);
     }
 }
