@@ -168,8 +168,16 @@ void TestCopy::descriptorLists()
         QCOMPARE(log.count("Skipping " + item(link) + ": a symbolic link, not followed"),
                  int(copied.contains(link.section('/', 0, -2))));
     }
-    const auto again = requestList(); // asked again, the list is made again, the same
+    int folders = 0; // one file more in each copied folder: the same copy keeps the list it was given
+    for (const QString &name : copied)
+        folders += QFileInfo(item(name)).isDir() && writeFile(item(name + "/late"), "late");
+    const auto again = requestList();
     QCOMPARE(again ? summary(*again) : QStringList(), expected);
+    QCOMPARE(log.lines().filter("上传des数组:").size(), 1);
+    QCOMPARE(log.lines().filter("所有文件路径:").size(), 1);
+    copy(copied); // copied again, it is walked again
+    const auto renewed = requestList();
+    QCOMPARE(renewed ? renewed->filedes_size() : -1, expected.size() + folders);
 }
 
 void TestCopy::answers_data()

@@ -10,6 +10,8 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <utility>
+
 namespace {
 
 QString joinPath(const QString &folder, const QString &name)
@@ -29,8 +31,10 @@ bool isSpecial(const QFileInfo &info, const QString &path)
 
 } // namespace
 
-void CopyOffer::rebuild()
+bool CopyOffer::describe()
 {
+    if (!std::exchange(m_walkDue, false))
+        return false;
     m_uploadCopyQueue.clear();
     m_uploadCopyUrlList.clear();
     m_uploadQueueNum = 0;
@@ -58,6 +62,7 @@ void CopyOffer::rebuild()
     // Every descriptor of one offer carries the offer's total count.
     for (FileSDK::FileDescriptorw &descriptor : m_uploadCopyQueue)
         descriptor.set_citems(std::uint32_t(m_uploadQueueNum));
+    return true;
 }
 
 std::optional<QStringList> CopyOffer::listFolder(const QString &path)

@@ -13,17 +13,20 @@ class KXFileManager;
 
 // What the local copy offers the remote side: the copied items, and a descriptor per file
 // and folder (folders walked, pre-order, links inside them left out), with the local item
-// behind each descriptor at the same index, walked again on each request of the remote side.
+// behind each descriptor at the same index. One local copy is walked once, when the
+// remote side first asks for it; every later request gets that same list.
 class CopyOffer
 {
 public:
     explicit CopyOffer(KXFileManager &files) : m_files(files) {}
 
-    void setFileList(const QList<QUrl> &urls) { m_fileList = urls; }
+    // A new local copy: walked at the next request. Until then the last list stays, for
+    // the queries of the remote side that still refer to it.
+    void setFileList(const QList<QUrl> &urls) { m_fileList = urls, m_walkDue = true; }
     const QList<QUrl> &fileList() const { return m_fileList; }
 
-    // Walks the copied items again, as they are now.
-    void rebuild();
+    // Walks the copied items if this copy was not walked yet; true when it did.
+    bool describe();
 
     const QList<FileSDK::FileDescriptorw> &uploadCopyQueue() const { return m_uploadCopyQueue; }
     QList<FileSDK::FileDescriptorw> &uploadCopyQueue() { return m_uploadCopyQueue; }
@@ -49,4 +52,5 @@ private:
     std::int64_t m_uploadQueueNum = 0;
     std::optional<QUrl> m_rootDirectory; // as copied: it names the item on the remote side
     QString m_rootPath;                  // where it is: a copied link, resolved
+    bool m_walkDue = false;
 };

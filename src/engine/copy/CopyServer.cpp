@@ -118,17 +118,20 @@ void CopyServer::answerDataRequest()
     if (m_offer.fileList().isEmpty())
         return;
     qCInfo(lcEngine).noquote().nospace() << "收到widows 发出control + v指令fileList:" << printed(m_offer.fileList());
-    m_uploadStreamer.reset();
-    m_offer.rebuild();
-
+    const bool walked = m_offer.describe();
     qCInfo(lcEngine).noquote().nospace() << "所有文件个数:" << m_offer.uploadQueueNum();
-    if (lcEngine().isInfoEnabled()) {
-        // Handed to the log handler as it is: a QDebug stream or printf formatting would
-        // copy a text of tens of MiB for a big offer, and grow it step by step on the way.
-        const QMessageLogContext context(__FILE__, __LINE__, Q_FUNC_INFO, lcEngine().categoryName());
-        qt_message_output(QtInfoMsg, context, QString::fromUtf8("上传des数组:" + printed(m_offer.uploadCopyQueue())));
+    if (!walked) {
+        qCInfo(lcEngine).noquote() << "the list of this copy is sent again as it was described";
+    } else {
+        m_uploadStreamer.reset(); // a new list: its indexes name other entries
+        if (lcEngine().isInfoEnabled()) {
+            // Handed to the log handler as it is: a QDebug stream or printf formatting would
+            // copy a text of tens of MiB for a big offer, and grow it step by step on the way.
+            const QMessageLogContext context(__FILE__, __LINE__, Q_FUNC_INFO, lcEngine().categoryName());
+            qt_message_output(QtInfoMsg, context, QString::fromUtf8("上传des数组:" + printed(m_offer.uploadCopyQueue())));
+            qCInfo(lcEngine).noquote().nospace() << "所有文件路径:" << printed(m_offer.uploadCopyUrlList());
+        }
     }
-    qCInfo(lcEngine).noquote().nospace() << "所有文件路径:" << printed(m_offer.uploadCopyUrlList());
 
     FileSDK::MacCliprdrFormatDataResponse response;
     *response.mutable_header() = kx::answerHeader();
