@@ -102,6 +102,9 @@ void TestCopy::announceAndDescribe()
     QVERIFY(d.ftlastaccesstimelow() == 1761935360 && d.ftlastaccesstimehigh() == 30785590);
     QVERIFY(d.ftcreationtimehigh() >= 30785590u); // no earlier than the modification
     QVERIFY(log.contains("所有文件个数:1") && log.contains("send DataResponse success"));
+    QCOMPARE(log.lines().filter(QRegularExpression("^fileCreateTime:")), // the creation date, then the modification date
+             QStringList({"fileCreateTime:" + KXFileManager::dateText(h->files.creationDateAtPath(item("a.txt"))),
+                          "fileCreateTime:2020-01-01 00:00:00 +0000"}));
 
     // An empty copy announces nothing, and a list asked for then gets no answer.
     h->engine->copiedFiles({});

@@ -112,8 +112,10 @@ QString CopyOffer::remoteName(const QString &itemPath) const
 FileSDK::FileDescriptorw CopyOffer::makeDescriptor(const QString &path, bool folder, bool topLevel)
 {
     const std::uint64_t size = folder ? 0 : m_files.fileSizeAtPath(path);
-    const std::uint64_t created = kx::fileTime(m_files.creationDateAtPath(path));
-    const std::uint64_t modified = kx::fileTime(m_files.modificationDateAtPath(path));
+    const QDateTime createdDate = m_files.creationDateAtPath(path);
+    const QDateTime modifiedDate = m_files.modificationDateAtPath(path);
+    const std::uint64_t created = kx::fileTime(createdDate);
+    const std::uint64_t modified = kx::fileTime(modifiedDate);
 
     FileSDK::FileDescriptorw descriptor;
     descriptor.set_dwflags(kx::wire::descriptorFlags);
@@ -133,8 +135,8 @@ FileSDK::FileDescriptorw CopyOffer::makeDescriptor(const QString &path, bool fol
         descriptor.set_nfilesizelow(kx::lowHalf(size));
         qCInfo(lcEngine).noquote().nospace() << "fileSize:" << size;
         qCInfo(lcEngine).noquote().nospace() << "fileName:" << QFileInfo(path).fileName();
-        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << created;
-        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << modified;
+        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << KXFileManager::dateText(createdDate);
+        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << KXFileManager::dateText(modifiedDate);
         qCInfo(lcEngine).noquote().nospace() << "lowSize:" << descriptor.nfilesizelow();
         qCInfo(lcEngine).noquote().nospace() << "highSize:" << descriptor.nfilesizehigh();
     }
