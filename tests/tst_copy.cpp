@@ -189,22 +189,27 @@ void TestCopy::answers_data()
     QTest::addColumn<int>("msgFlags");   // of the answer; 0: no answer at all
     QTest::addColumn<QByteArray>("data");
     QTest::addColumn<int>("cbRequested");
+    QTest::addColumn<QString>("logged"); // a line the answer leaves in the log
     // The offer: 0 big (5 GiB, "far away" past 4 GiB), 1 tree/, 2 tree//inner, 3 f (100
     // bytes), 4 gone (deleted before it is asked for), 5 huge (100 MiB). A FIFO since the offer
     // is the hostile-agent table's.
     const quint64 far = (quint64(1) << 32) + 12345;
-    QTest::newRow("size of 5 GiB: the low half") << query(0, 1, 0, 8) << 1 << hex("00 00 00 40") << 8;
-    QTest::newRow("size of a top folder") << query(1, 1, 0, 8) << 1 << hex("10 00 00 00") << 8;
-    QTest::newRow("size of a nested folder") << query(2, 1, 0, 8) << 1 << hex("00 00 00 00") << 8;
-    QTest::newRow("range beyond the end") << query(3, 2, 0, 262144) << 1 << pattern(100, 1) << 100;
-    QTest::newRow("range inside") << query(3, 2, 40, 10) << 1 << pattern(100, 1).mid(40, 10) << 10;
-    QTest::newRow("range at the end") << query(3, 2, 100, 262144) << 1 << QByteArray() << 0;
-    QTest::newRow("range past the end") << query(3, 2, 5000, 100) << 1 << QByteArray() << 0;
-    QTest::newRow("range past 4 GiB") << query(0, 2, far, 8) << 1 << QByteArray("far away") << 8;
-    QTest::newRow("2 GiB asked, 64 MiB given") << query(5, 2, 0, 0x80000000u) << 1 << QByteArray(64 << 20, 0) << (64 << 20);
-    QTest::newRow("deleted since the offer") << query(4, 2, 0, 4) << 2 << QByteArray() << 0;
-    QTest::newRow("index past the list") << query(6, 2, 0, 4) << 0 << QByteArray() << 0;
-    QTest::newRow("unknown flags") << query(3, 4, 0, 4) << 0 << QByteArray() << 0;
+    QTest::newRow("size of 5 GiB: the low half") << query(0, 1, 0, 8) << 1 << hex("00 00 00 40") << 8 << QString();
+    QTest::newRow("size of a top folder") << query(1, 1, 0, 8) << 1 << hex("10 00 00 00") << 8 << QString();
+    QTest::newRow("size of a nested folder") << query(2, 1, 0, 8) << 1 << hex("00 00 00 00") << 8 << QString();
+    QTest::newRow("range beyond the end") << query(3, 2, 0, 262144) << 1 << pattern(100, 1) << 100 << QString();
+    QTest::newRow("range inside") << query(3, 2, 40, 10) << 1 << pattern(100, 1).mid(40, 10) << 10 << QString();
+    QTest::newRow("range at the end") << query(3, 2, 100, 262144) << 1 << QByteArray() << 0 << QString();
+    QTest::newRow("range past the end") << query(3, 2, 5000, 100) << 1 << QByteArray() << 0 << QString();
+    QTest::newRow("range past 4 GiB") << query(0, 2, far, 8) << 1 << QByteArray("far away") << 8 << QString();
+    QTest::newRow("2 GiB asked, 64 MiB given") << query(5, 2, 0, 0x80000000u) << 1 << QByteArray(64 << 20, 0) << (64 << 20)
+                                               << QString();
+    QTest::newRow("range of a file deleted since the offer") << query(4, 2, 0, 4) << 2 << QByteArray() << 0
+                                                             << QString("gone");
+    QTest::newRow("size of a file deleted since the offer: the offered size") << query(4, 1, 0, 8) << 1
+                                                                              << hex("04 00 00 00") << 8 << QString("gone");
+    QTest::newRow("index past the list") << query(6, 2, 0, 4) << 0 << QByteArray() << 0 << QString();
+    QTest::newRow("unknown flags") << query(3, 4, 0, 4) << 0 << QByteArray() << 0 << QString();
 }
 
 void TestCopy::answers()
@@ -213,6 +218,7 @@ void TestCopy::answers()
     QFETCH(int, msgFlags);
     QFETCH(QByteArray, data);
     QFETCH(int, cbRequested);
+    QFETCH(QString, logged);
     const auto big = KXFileStreamOperation::initFileOperationAtPath("big", true, item("")); // sparse, written past 4 GiB
     QVERIFY(big && big->writeDateOffSet((1ULL << 32) + 12345, "far away") && big->writeDateOffSet((5ULL << 30) - 1, "."));
     QVERIFY(QDir().mkpath(item("tree/inner")) && writeFile(item("f"), pattern(100, 1)) && writeFile(item("gone"), "gone")
@@ -220,7 +226,9 @@ void TestCopy::answers()
     copy({"big", "tree", "f", "gone", "huge"});
     QCOMPARE(requestList().value_or(FileSDK::MacCliprdrFormatDataResponse()).filedes_size(), 6);
     QVERIFY(QFile::remove(item("gone")));
+    LogCapture log;
     const auto answer = ask(query);
+    QCOMPARE(log.count("文件不存在：" + item(logged)), int(!logged.isEmpty()));
     QCOMPARE(answer.has_value(), msgFlags != 0);
     if (!answer)
         return;

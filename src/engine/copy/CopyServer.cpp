@@ -148,13 +148,15 @@ void CopyServer::answerDataRequest()
 KXFileStreamOperation *CopyServer::uploadStreamerFor(std::uint32_t listIndex)
 {
     const QString path = m_offer.uploadCopyUrlList().at(listIndex).toLocalFile();
-    // The open file would still read after the user deleted it; the remote side should
-    // learn that the file is gone rather than receive what the user threw away.
-    if (m_uploadStreamer && m_uploadStreamerIndex == listIndex && !QFileInfo::exists(path)) {
-        m_uploadStreamer.reset();
+    // A folder has nothing to read: whether it is still there is all an opening would tell.
+    if (m_offer.uploadCopyQueue().at(listIndex).dwfileattributes() == kx::wire::folderAttributes) {
+        KXFileStreamOperation().getFileInfoAtPath(path);
         return nullptr;
     }
-    if (!m_uploadStreamer || m_uploadStreamerIndex != listIndex) {
+    // The open file would still read after the user deleted it; the remote side should
+    // learn that the file is gone rather than receive what the user threw away, so it is
+    // opened again, which fails and says why.
+    if (!m_uploadStreamer || m_uploadStreamerIndex != listIndex || !QFileInfo::exists(path)) {
         m_uploadStreamer = KXFileStreamOperation::initFileOperationAtPath(path, false, QString());
         m_uploadStreamerIndex = listIndex;
     }
@@ -179,7 +181,10 @@ void CopyServer::answerContentRequest(const FileSDK::CliprdrFileContentsRequest 
         return;
     }
     if (request.dwflags() == kx::wire::sizeQueryFlag) {
-        // The low half of the size from the offer, little-endian, as the remote side expects.
+        // The file is opened as for a range: one gone since the offer is logged, and the
+        // ranges that follow read through this opening. The answer is the low half of the
+        // size from the offer all the same, little-endian, as the remote side expects.
+        uploadStreamerFor(listIndex);
         const std::uint32_t low = m_offer.uploadCopyQueue().at(listIndex).nfilesizelow();
         std::string data(4, '\0');
         for (int i = 0; i < 4; ++i)
