@@ -102,6 +102,9 @@ void TestCopy::announceAndDescribe()
     QVERIFY(d.ftlastaccesstimelow() == 1761935360 && d.ftlastaccesstimehigh() == 30785590);
     QVERIFY(d.ftcreationtimehigh() >= 30785590u); // no earlier than the modification
     QVERIFY(log.contains("所有文件个数:1") && log.contains("send DataResponse success"));
+    QCOMPARE(log.lines().filter(QRegularExpression("^fileCreateTime:")), // the creation date, then the modification date
+             QStringList({"fileCreateTime:" + KXFileManager::dateText(h->files.creationDateAtPath(item("a.txt"))),
+                          "fileCreateTime:2020-01-01 00:00:00 +0000"}));
 
     // An empty copy announces nothing, and a list asked for then gets no answer.
     h->engine->copiedFiles({});
@@ -123,8 +126,18 @@ void TestCopy::descriptorLists_data()
                                       << QStringList{"docs/ 10 16 16", "docs//sub 10 16 0", "docs//sub//y.txt 80 0 2"};
     QTest::newRow("vanished item") << QStringList{"a=1"} << QStringList{"gone", "a"} << QStringList{"a/ 80 0 1"};
     QTest::newRow("FIFO left out") << QStringList{"d/p|", "q|"} << QStringList{"q", "d"} << QStringList{"d/ 10 16 16"};
-    QTest::newRow("link cycle entered once") << QStringList{"loop/back>loop"} << QStringList{"loop"}
-                                             << QStringList{"loop/ 10 16 16", "loop//back 10 16 0"};
+    QTest::newRow("link back to its folder left out") << QStringList{"loop/back>loop"} << QStringList{"loop"}
+                                                      << QStringList{"loop/ 10 16 16"};
+    QTest::newRow("link to a folder outside left out")
+        << QStringList{"proj/a=1", "secret/id_rsa=5", "proj/docs>secret", "proj/key>secret/id_rsa"} << QStringList{"proj"}
+        << QStringList{"proj/ 10 16 16", "proj//a 80 0 1"};
+    QTest::newRow("copied links followed once") << QStringList{"real/in=2", "alias>real", "flink>real/in"}
+                                                << QStringList{"alias", "flink"}
+                                                << QStringList{"alias/ 10 16 16", "alias//in 80 0 2", "flink/ 80 0 2"};
+    QStringList lattice{"l16/end=1"}; // each folder links twice to the next: 196,607 entries if followed
+    for (int i = 0; i < 16; ++i)
+        lattice << QString("l%1/a>l%2").arg(i).arg(i + 1) << QString("l%1/b>l%2").arg(i).arg(i + 1);
+    QTest::newRow("lattice of linked folders") << lattice << QStringList{"l0"} << QStringList{"l0/ 10 16 16"};
 }
 
 void TestCopy::descriptorLists()
@@ -138,7 +151,8 @@ void TestCopy::descriptorLists()
         else if (entry.endsWith('|'))
             QVERIFY(QDir().mkpath(QFileInfo(item(entry)).path()) && ::mkfifo(QFile::encodeName(item(entry.chopped(1))), 0600) == 0);
         else if (entry.contains('>'))
-            QVERIFY(QDir().mkpath(QFileInfo(item(entry)).path()) && QFile::link(item(entry.section('>', 1)), item(entry.section('>', 0, 0))));
+            QVERIFY(QDir().mkpath(QFileInfo(item(entry.section('>', 0, 0))).path())
+                    && QFile::link(item(entry.section('>', 1)), item(entry.section('>', 0, 0))));
         else
             QVERIFY(writeFile(item(entry.section('=', 0, 0)), QByteArray(entry.section('=', 1).toInt(), 'x')));
     }
@@ -152,8 +166,21 @@ void TestCopy::descriptorLists()
     QVERIFY(!log.containsPrefix("Path is not a directory")); // a file is never walked as a folder
     for (const auto &d : list->filedes())
         QCOMPARE(d.citems(), std::uint32_t(expected.size()));
-    const auto again = requestList(); // asked again, the list is made again, the same
+    for (const QString &entry : setup.filter(">")) { // a link in a copied folder: one line; one copied: followed
+        const QString link = entry.section('>', 0, 0);
+        QCOMPARE(log.count("Skipping " + item(link) + ": a symbolic link, not followed"),
+                 int(copied.contains(link.section('/', 0, -2))));
+    }
+    int folders = 0; // one file more in each copied folder: the same copy keeps the list it was given
+    for (const QString &name : copied)
+        folders += QFileInfo(item(name)).isDir() && writeFile(item(name + "/late"), "late");
+    const auto again = requestList();
     QCOMPARE(again ? summary(*again) : QStringList(), expected);
+    QCOMPARE(log.lines().filter("上传des数组:").size(), 1);
+    QCOMPARE(log.lines().filter("所有文件路径:").size(), 1);
+    copy(copied); // copied again, it is walked again
+    const auto renewed = requestList();
+    QCOMPARE(renewed ? renewed->filedes_size() : -1, expected.size() + folders);
 }
 
 void TestCopy::answers_data()
@@ -162,22 +189,27 @@ void TestCopy::answers_data()
     QTest::addColumn<int>("msgFlags");   // of the answer; 0: no answer at all
     QTest::addColumn<QByteArray>("data");
     QTest::addColumn<int>("cbRequested");
+    QTest::addColumn<QString>("logged"); // a line the answer leaves in the log
     // The offer: 0 big (5 GiB, "far away" past 4 GiB), 1 tree/, 2 tree//inner, 3 f (100
     // bytes), 4 gone (deleted before it is asked for), 5 huge (100 MiB). A FIFO since the offer
     // is the hostile-agent table's.
     const quint64 far = (quint64(1) << 32) + 12345;
-    QTest::newRow("size of 5 GiB: the low half") << query(0, 1, 0, 8) << 1 << hex("00 00 00 40") << 8;
-    QTest::newRow("size of a top folder") << query(1, 1, 0, 8) << 1 << hex("10 00 00 00") << 8;
-    QTest::newRow("size of a nested folder") << query(2, 1, 0, 8) << 1 << hex("00 00 00 00") << 8;
-    QTest::newRow("range beyond the end") << query(3, 2, 0, 262144) << 1 << pattern(100, 1) << 100;
-    QTest::newRow("range inside") << query(3, 2, 40, 10) << 1 << pattern(100, 1).mid(40, 10) << 10;
-    QTest::newRow("range at the end") << query(3, 2, 100, 262144) << 1 << QByteArray() << 0;
-    QTest::newRow("range past the end") << query(3, 2, 5000, 100) << 1 << QByteArray() << 0;
-    QTest::newRow("range past 4 GiB") << query(0, 2, far, 8) << 1 << QByteArray("far away") << 8;
-    QTest::newRow("2 GiB asked, 64 MiB given") << query(5, 2, 0, 0x80000000u) << 1 << QByteArray(64 << 20, 0) << (64 << 20);
-    QTest::newRow("deleted since the offer") << query(4, 2, 0, 4) << 2 << QByteArray() << 0;
-    QTest::newRow("index past the list") << query(6, 2, 0, 4) << 0 << QByteArray() << 0;
-    QTest::newRow("unknown flags") << query(3, 4, 0, 4) << 0 << QByteArray() << 0;
+    QTest::newRow("size of 5 GiB: the low half") << query(0, 1, 0, 8) << 1 << hex("00 00 00 40") << 8 << QString();
+    QTest::newRow("size of a top folder") << query(1, 1, 0, 8) << 1 << hex("10 00 00 00") << 8 << QString();
+    QTest::newRow("size of a nested folder") << query(2, 1, 0, 8) << 1 << hex("00 00 00 00") << 8 << QString();
+    QTest::newRow("range beyond the end") << query(3, 2, 0, 262144) << 1 << pattern(100, 1) << 100 << QString();
+    QTest::newRow("range inside") << query(3, 2, 40, 10) << 1 << pattern(100, 1).mid(40, 10) << 10 << QString();
+    QTest::newRow("range at the end") << query(3, 2, 100, 262144) << 1 << QByteArray() << 0 << QString();
+    QTest::newRow("range past the end") << query(3, 2, 5000, 100) << 1 << QByteArray() << 0 << QString();
+    QTest::newRow("range past 4 GiB") << query(0, 2, far, 8) << 1 << QByteArray("far away") << 8 << QString();
+    QTest::newRow("2 GiB asked, 64 MiB given") << query(5, 2, 0, 0x80000000u) << 1 << QByteArray(64 << 20, 0) << (64 << 20)
+                                               << QString();
+    QTest::newRow("range of a file deleted since the offer") << query(4, 2, 0, 4) << 2 << QByteArray() << 0
+                                                             << QString("gone");
+    QTest::newRow("size of a file deleted since the offer: the offered size") << query(4, 1, 0, 8) << 1
+                                                                              << hex("04 00 00 00") << 8 << QString("gone");
+    QTest::newRow("index past the list") << query(6, 2, 0, 4) << 0 << QByteArray() << 0 << QString();
+    QTest::newRow("unknown flags") << query(3, 4, 0, 4) << 0 << QByteArray() << 0 << QString();
 }
 
 void TestCopy::answers()
@@ -186,6 +218,7 @@ void TestCopy::answers()
     QFETCH(int, msgFlags);
     QFETCH(QByteArray, data);
     QFETCH(int, cbRequested);
+    QFETCH(QString, logged);
     const auto big = KXFileStreamOperation::initFileOperationAtPath("big", true, item("")); // sparse, written past 4 GiB
     QVERIFY(big && big->writeDateOffSet((1ULL << 32) + 12345, "far away") && big->writeDateOffSet((5ULL << 30) - 1, "."));
     QVERIFY(QDir().mkpath(item("tree/inner")) && writeFile(item("f"), pattern(100, 1)) && writeFile(item("gone"), "gone")
@@ -193,7 +226,9 @@ void TestCopy::answers()
     copy({"big", "tree", "f", "gone", "huge"});
     QCOMPARE(requestList().value_or(FileSDK::MacCliprdrFormatDataResponse()).filedes_size(), 6);
     QVERIFY(QFile::remove(item("gone")));
+    LogCapture log;
     const auto answer = ask(query);
+    QCOMPARE(log.count("文件不存在：" + item(logged)), int(!logged.isEmpty()));
     QCOMPARE(answer.has_value(), msgFlags != 0);
     if (!answer)
         return;

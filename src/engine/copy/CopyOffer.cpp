@@ -10,6 +10,8 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <utility>
+
 namespace {
 
 QString joinPath(const QString &folder, const QString &name)
@@ -29,8 +31,10 @@ bool isSpecial(const QFileInfo &info, const QString &path)
 
 } // namespace
 
-void CopyOffer::rebuild()
+bool CopyOffer::describe()
 {
+    if (!std::exchange(m_walkDue, false))
+        return false;
     m_uploadCopyQueue.clear();
     m_uploadCopyUrlList.clear();
     m_uploadQueueNum = 0;
@@ -38,34 +42,26 @@ void CopyOffer::rebuild()
     // listed is counted but not described, so cItems may exceed the descriptors.
     for (const QUrl &url : std::as_const(m_fileList)) {
         m_rootDirectory = url;
-        const QFileInfo item(url.toLocalFile());
-        if (!item.exists() || isSpecial(item, url.toLocalFile()))
+        // What the user copied is what they meant, a link included: it is resolved here,
+        // once, and everything below it is read from where it pointed then.
+        const QFileInfo copied(url.toLocalFile());
+        const bool link = copied.isSymLink();
+        m_rootPath = link ? copied.canonicalFilePath() : url.toLocalFile();
+        const QFileInfo item(m_rootPath);
+        if (m_rootPath.isEmpty() || !item.exists() || isSpecial(item, m_rootPath))
             continue;
         ++m_uploadQueueNum;
+        const QUrl local = link ? QUrl::fromLocalFile(m_rootPath) : url;
         if (item.isDir()) {
-            appendRootFolderDescriptor(url);
-            QStringList walk;
-            if (enterFolder(item.absoluteFilePath(), walk))
-                appendDirectoryDescriptors(url.toLocalFile(), walk);
+            appendRootFolderDescriptor(local);
+            appendDirectoryDescriptors(m_rootPath);
         } else {
-            appendRootFileDescriptor(url);
+            appendRootFileDescriptor(local);
         }
     }
     // Every descriptor of one offer carries the offer's total count.
     for (FileSDK::FileDescriptorw &descriptor : m_uploadCopyQueue)
         descriptor.set_citems(std::uint32_t(m_uploadQueueNum));
-}
-
-// Symbolic links are followed, so a link back to a folder being walked would never end:
-// a folder already on the walk path is listed but not entered again.
-bool CopyOffer::enterFolder(const QString &path, QStringList &walk)
-{
-    const QString canonical = QFileInfo(path).canonicalFilePath();
-    if (walk.contains(canonical)) {
-        qCInfo(lcEngine).noquote().nospace() << "Skipping a folder already on the walk path (link cycle): " << path;
-        return false;
-    }
-    walk.append(canonical);
     return true;
 }
 
@@ -104,10 +100,10 @@ QString CopyOffer::relativePath(const QString &from, const QString &to)
 
 QString CopyOffer::remoteName(const QString &itemPath) const
 {
-    const QString rootPath = kx::withoutTrailingSlashes(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
-    const QString relative = relativePath(rootPath, kx::withoutTrailingSlashes(itemPath));
+    const QString copied = kx::withoutTrailingSlashes(m_rootDirectory ? m_rootDirectory->toLocalFile() : QString());
+    const QString relative = relativePath(kx::withoutTrailingSlashes(m_rootPath), kx::withoutTrailingSlashes(itemPath));
     qCInfo(lcEngine).noquote().nospace() << "Directoryrela:" << relative;
-    QString name = QFileInfo(rootPath).fileName() + QStringLiteral("//") + relative;
+    QString name = QFileInfo(copied).fileName() + QStringLiteral("//") + relative;
     while (name.endsWith(QLatin1String("//")))
         name.chop(1);
     return name;
@@ -116,8 +112,10 @@ QString CopyOffer::remoteName(const QString &itemPath) const
 FileSDK::FileDescriptorw CopyOffer::makeDescriptor(const QString &path, bool folder, bool topLevel)
 {
     const std::uint64_t size = folder ? 0 : m_files.fileSizeAtPath(path);
-    const std::uint64_t created = kx::fileTime(m_files.creationDateAtPath(path));
-    const std::uint64_t modified = kx::fileTime(m_files.modificationDateAtPath(path));
+    const QDateTime createdDate = m_files.creationDateAtPath(path);
+    const QDateTime modifiedDate = m_files.modificationDateAtPath(path);
+    const std::uint64_t created = kx::fileTime(createdDate);
+    const std::uint64_t modified = kx::fileTime(modifiedDate);
 
     FileSDK::FileDescriptorw descriptor;
     descriptor.set_dwflags(kx::wire::descriptorFlags);
@@ -137,8 +135,8 @@ FileSDK::FileDescriptorw CopyOffer::makeDescriptor(const QString &path, bool fol
         descriptor.set_nfilesizelow(kx::lowHalf(size));
         qCInfo(lcEngine).noquote().nospace() << "fileSize:" << size;
         qCInfo(lcEngine).noquote().nospace() << "fileName:" << QFileInfo(path).fileName();
-        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << created;
-        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << modified;
+        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << KXFileManager::dateText(createdDate);
+        qCInfo(lcEngine).noquote().nospace() << "fileCreateTime:" << KXFileManager::dateText(modifiedDate);
         qCInfo(lcEngine).noquote().nospace() << "lowSize:" << descriptor.nfilesizelow();
         qCInfo(lcEngine).noquote().nospace() << "highSize:" << descriptor.nfilesizehigh();
     }
@@ -165,7 +163,7 @@ void CopyOffer::appendRootFolderDescriptor(const QUrl &url)
     m_uploadCopyUrlList.append(url);
 }
 
-void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &walk)
+void CopyOffer::appendDirectoryDescriptors(const QString &path)
 {
     const auto names = listFolder(path);
     if (!names)
@@ -173,6 +171,12 @@ void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &wal
     for (const QString &name : *names) {
         const QString full = joinPath(path, name);
         const QFileInfo info(full);
+        // A link inside a copied folder may lead anywhere, the user's keys included, or
+        // back up the tree: only what the folder itself holds is offered.
+        if (info.isSymLink()) {
+            qCInfo(lcEngine).noquote().nospace() << "Skipping " << full << ": a symbolic link, not followed";
+            continue;
+        }
         if (isSpecial(info, full))
             continue;
         ++m_uploadQueueNum;
@@ -182,9 +186,7 @@ void CopyOffer::appendDirectoryDescriptors(const QString &path, QStringList &wal
         qCInfo(lcEngine).noquote().nospace() << (folder ? "Directory: " : "File: ") << full;
         m_uploadCopyQueue.append(makeDescriptor(full, folder));
         m_uploadCopyUrlList.append(QUrl::fromLocalFile(full));
-        if (folder && enterFolder(full, walk)) {
-            appendDirectoryDescriptors(full, walk);
-            walk.removeLast();
-        }
+        if (folder)
+            appendDirectoryDescriptors(full);
     }
 }

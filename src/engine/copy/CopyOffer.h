@@ -11,19 +11,22 @@
 
 class KXFileManager;
 
-// What the local copy offers the remote side: the copied items, and on each request of
-// the remote side a descriptor per file and folder (folders walked, pre-order), with the
-// local item behind each descriptor at the same index.
+// What the local copy offers the remote side: the copied items, and a descriptor per file
+// and folder (folders walked, pre-order, links inside them left out), with the local item
+// behind each descriptor at the same index. One local copy is walked once, when the
+// remote side first asks for it; every later request gets that same list.
 class CopyOffer
 {
 public:
     explicit CopyOffer(KXFileManager &files) : m_files(files) {}
 
-    void setFileList(const QList<QUrl> &urls) { m_fileList = urls; }
+    // A new local copy: walked at the next request. Until then the last list stays, for
+    // the queries of the remote side that still refer to it.
+    void setFileList(const QList<QUrl> &urls) { m_fileList = urls, m_walkDue = true; }
     const QList<QUrl> &fileList() const { return m_fileList; }
 
-    // Walks the copied items again, as they are now.
-    void rebuild();
+    // Walks the copied items if this copy was not walked yet; true when it did.
+    bool describe();
 
     const QList<FileSDK::FileDescriptorw> &uploadCopyQueue() const { return m_uploadCopyQueue; }
     QList<FileSDK::FileDescriptorw> &uploadCopyQueue() { return m_uploadCopyQueue; }
@@ -35,10 +38,9 @@ public:
     static QString relativePath(const QString &from, const QString &to);
 
 private:
-    void appendRootFileDescriptor(const QUrl &url);
+    void appendRootFileDescriptor(const QUrl &url);   // url: where the copied item is, its link resolved
     void appendRootFolderDescriptor(const QUrl &url);
-    void appendDirectoryDescriptors(const QString &path, QStringList &walk);
-    bool enterFolder(const QString &path, QStringList &walk);
+    void appendDirectoryDescriptors(const QString &path);
     std::optional<QStringList> listFolder(const QString &path);
     FileSDK::FileDescriptorw makeDescriptor(const QString &path, bool folder, bool topLevel = false); // topLevel: a folder the user copied
     QString remoteName(const QString &itemPath) const;
@@ -48,5 +50,7 @@ private:
     QList<FileSDK::FileDescriptorw> m_uploadCopyQueue;
     QList<QUrl> m_uploadCopyUrlList;
     std::int64_t m_uploadQueueNum = 0;
-    std::optional<QUrl> m_rootDirectory;
+    std::optional<QUrl> m_rootDirectory; // as copied: it names the item on the remote side
+    QString m_rootPath;                  // where it is: a copied link, resolved
+    bool m_walkDue = false;
 };

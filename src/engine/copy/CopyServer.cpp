@@ -118,17 +118,20 @@ void CopyServer::answerDataRequest()
     if (m_offer.fileList().isEmpty())
         return;
     qCInfo(lcEngine).noquote().nospace() << "收到widows 发出control + v指令fileList:" << printed(m_offer.fileList());
-    m_uploadStreamer.reset();
-    m_offer.rebuild();
-
+    const bool walked = m_offer.describe();
     qCInfo(lcEngine).noquote().nospace() << "所有文件个数:" << m_offer.uploadQueueNum();
-    if (lcEngine().isInfoEnabled()) {
-        // Handed to the log handler as it is: a QDebug stream or printf formatting would
-        // copy a text of tens of MiB for a big offer, and grow it step by step on the way.
-        const QMessageLogContext context(__FILE__, __LINE__, Q_FUNC_INFO, lcEngine().categoryName());
-        qt_message_output(QtInfoMsg, context, QString::fromUtf8("上传des数组:" + printed(m_offer.uploadCopyQueue())));
+    if (!walked) {
+        qCInfo(lcEngine).noquote() << "the list of this copy is sent again as it was described";
+    } else {
+        m_uploadStreamer.reset(); // a new list: its indexes name other entries
+        if (lcEngine().isInfoEnabled()) {
+            // Handed to the log handler as it is: a QDebug stream or printf formatting would
+            // copy a text of tens of MiB for a big offer, and grow it step by step on the way.
+            const QMessageLogContext context(__FILE__, __LINE__, Q_FUNC_INFO, lcEngine().categoryName());
+            qt_message_output(QtInfoMsg, context, QString::fromUtf8("上传des数组:" + printed(m_offer.uploadCopyQueue())));
+            qCInfo(lcEngine).noquote().nospace() << "所有文件路径:" << printed(m_offer.uploadCopyUrlList());
+        }
     }
-    qCInfo(lcEngine).noquote().nospace() << "所有文件路径:" << printed(m_offer.uploadCopyUrlList());
 
     FileSDK::MacCliprdrFormatDataResponse response;
     *response.mutable_header() = kx::answerHeader();
@@ -145,13 +148,15 @@ void CopyServer::answerDataRequest()
 KXFileStreamOperation *CopyServer::uploadStreamerFor(std::uint32_t listIndex)
 {
     const QString path = m_offer.uploadCopyUrlList().at(listIndex).toLocalFile();
-    // The open file would still read after the user deleted it; the remote side should
-    // learn that the file is gone rather than receive what the user threw away.
-    if (m_uploadStreamer && m_uploadStreamerIndex == listIndex && !QFileInfo::exists(path)) {
-        m_uploadStreamer.reset();
+    // A folder has nothing to read: whether it is still there is all an opening would tell.
+    if (m_offer.uploadCopyQueue().at(listIndex).dwfileattributes() == kx::wire::folderAttributes) {
+        KXFileStreamOperation().getFileInfoAtPath(path);
         return nullptr;
     }
-    if (!m_uploadStreamer || m_uploadStreamerIndex != listIndex) {
+    // The open file would still read after the user deleted it; the remote side should
+    // learn that the file is gone rather than receive what the user threw away, so it is
+    // opened again, which fails and says why.
+    if (!m_uploadStreamer || m_uploadStreamerIndex != listIndex || !QFileInfo::exists(path)) {
         m_uploadStreamer = KXFileStreamOperation::initFileOperationAtPath(path, false, QString());
         m_uploadStreamerIndex = listIndex;
     }
@@ -176,7 +181,10 @@ void CopyServer::answerContentRequest(const FileSDK::CliprdrFileContentsRequest 
         return;
     }
     if (request.dwflags() == kx::wire::sizeQueryFlag) {
-        // The low half of the size from the offer, little-endian, as the remote side expects.
+        // The file is opened as for a range: one gone since the offer is logged, and the
+        // ranges that follow read through this opening. The answer is the low half of the
+        // size from the offer all the same, little-endian, as the remote side expects.
+        uploadStreamerFor(listIndex);
         const std::uint32_t low = m_offer.uploadCopyQueue().at(listIndex).nfilesizelow();
         std::string data(4, '\0');
         for (int i = 0; i < 4; ++i)
