@@ -426,6 +426,8 @@ void TestPaste::window()
     for (int i = 1; i <= 30; ++i) {
         list.append(descriptor(QStringLiteral("top\\f%1").arg(i, 2, 10, QLatin1Char('0')), (i % 3) ? i * 40000 : 0, 0x80,
                                i % 5 ? y2020 + i * second : 0));
+        if (i % 10 == 0) // the write-time flag with a time of 0, or one before 1970: no time is set
+            list.last().set_dwflags(0x4024), list.last().set_ftlastwritetimehigh(i % 20 ? 0 : 27111902);
         contents.insert(i, pattern((i % 3) ? i * 40000 : 0, i));
     }
     QVERIFY(h.pasteOf(list));
