@@ -120,7 +120,7 @@ public:
     void paste()
     {
         engine->startPaste([this](double value) { progress.append(value), shownNames.append(engine->currentFileName()); },
-                           [this](bool ok, PastedError error) { ends.append({ok, error}); });
+                           [this](bool ok, PastedError error) { ends.append({ok, error}), statusAtEnd = engine->pasteStatus(); });
     }
 
     // What the engine sent, in order, waiting for it if need be.
@@ -200,5 +200,6 @@ public:
     QList<double> progress;
     QStringList shownNames; // the file the progress window names, at each report
     QList<std::pair<bool, PastedError>> ends;
+    ClipBoardManager::PasteStatus statusAtEnd{}; // as the completion found it: told first, then the state cleared
     qsizetype widest = 0; // the most queries outstanding at once that serve() saw
 };
