@@ -126,11 +126,13 @@ void TestPaste::chunking_data()
     QTest::addColumn<QList<qint64>>("sizes");    // -1: an empty file where a folder is
     QTest::addColumn<QList<quint64>>("offsets"); // of the range queries, all files
     QTest::addColumn<int>("progressReports");
-    QTest::newRow("exactly one chunk") << QList<qint64>{chunk} << QList<quint64>{0} << 2;
-    QTest::newRow("one byte over") << QList<qint64>{chunk + 1} << QList<quint64>{0, chunk} << 3;
-    QTest::newRow("only empty files") << QList<qint64>{0, 0, 0} << QList<quint64>{} << 1;
-    QTest::newRow("empty between") << QList<qint64>{5, 0, 6} << QList<quint64>{0, 0} << 3;
-    QTest::newRow("an empty file that cannot be made") << QList<qint64>{3, -1} << QList<quint64>{0} << 1;
+    QTest::addColumn<qint64>("freeBytes"); // -1: what the disk has
+    QTest::newRow("exactly one chunk") << QList<qint64>{chunk} << QList<quint64>{0} << 2 << -1ll;
+    QTest::newRow("one byte over") << QList<qint64>{chunk + 1} << QList<quint64>{0, chunk} << 3 << -1ll;
+    QTest::newRow("only empty files") << QList<qint64>{0, 0, 0} << QList<quint64>{} << 1 << 0ll;
+    QTest::newRow("empty between") << QList<qint64>{5, 0, 6} << QList<quint64>{0, 0} << 3 << 11ll;
+    QTest::newRow("an empty file that cannot be made") << QList<qint64>{3, -1} << QList<quint64>{0} << 1 << -1ll;
+    QTest::newRow("a byte more than the disk has") << QList<qint64>{5, 0, 6} << QList<quint64>{} << 0 << 10ll;
 }
 
 void TestPaste::chunking()
@@ -138,7 +140,11 @@ void TestPaste::chunking()
     QFETCH(QList<qint64>, sizes);
     QFETCH(QList<quint64>, offsets);
     QFETCH(int, progressReports);
+    QFETCH(qint64, freeBytes);
     EngineHarness h;
+    LogCapture log;
+    if (freeBytes >= 0)
+        h.files.freeSpaceQuery = [=](const QString &) { return std::optional<std::uint64_t>(freeBytes); };
     Descriptors list;
     for (int i = 0; i < sizes.size(); ++i) {
         list.append(descriptor(QStringLiteral("f%1").arg(i), std::uint64_t(std::max<qint64>(sizes[i], 0))));
@@ -156,10 +162,11 @@ void TestPaste::chunking()
     }
     QCOMPARE(seen, offsets);
     QCOMPARE(h.progress.size(), progressReports);
-    const bool blocked = sizes.contains(-1);
+    const bool full = progressReports == 0, blocked = full || sizes.contains(-1);
     QVERIFY(h.lastEnd(!blocked, blocked ? PastedError::saveError : PastedError::noError));
     for (int i = 0; i < sizes.size(); ++i)
-        QCOMPARE(readFile(h.dest + QStringLiteral("/f%1").arg(i)), sizes[i] < 0 ? "<missing>" : pattern(sizes[i], 1));
+        QCOMPARE(readFile(h.dest + QStringLiteral("/f%1").arg(i)), sizes[i] < 0 || full ? "<missing>" : pattern(sizes[i], 1));
+    QCOMPARE(log.contains("not enough space in " + h.dest + ": the paste needs 11 bytes and 10 are free; nothing is written"), full);
 }
 
 // Every way a paste ends but success, in both exchanges. Each row plays the remote side

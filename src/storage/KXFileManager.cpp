@@ -3,6 +3,8 @@
 #include <QFileInfo>
 #include "StorageLog.h"
 
+#include <sys/statvfs.h>
+
 Q_LOGGING_CATEGORY(lcFileManager, "kx.storage")
 
 KXFileManager *KXFileManager::shared()
@@ -64,6 +66,16 @@ std::uint64_t KXFileManager::fileSizeAtPath(const QString &path) const
     const std::uint64_t size = std::uint64_t(info.size());
     qCInfo(lcFileManager).noquote().nospace() << "File size: " << size << " bytes";
     return size;
+}
+
+std::optional<std::uint64_t> KXFileManager::freeSpaceAtPath(const QString &path) const
+{
+    if (freeSpaceQuery)
+        return freeSpaceQuery(path);
+    struct statvfs space {};
+    if (::statvfs(QFile::encodeName(path).constData(), &space) != 0)
+        return std::nullopt;
+    return std::uint64_t(space.f_bavail) * space.f_frsize;
 }
 
 QString KXFileManager::dateText(const QDateTime &date)

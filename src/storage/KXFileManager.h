@@ -8,7 +8,9 @@
 #include <QString>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 
 // Asks the user for a download's destination folder and reads the size and dates of
 // local files for the transfer code. One shared instance for the process.
@@ -29,6 +31,10 @@ public:
     std::uint64_t fileSizeAtPath(const QString &path) const;
     QDateTime creationDateAtPath(const QString &path) const;
     QDateTime modificationDateAtPath(const QString &path) const;
+    // The bytes a new file beneath this folder can take; nothing when it cannot be told.
+    std::optional<std::uint64_t> freeSpaceAtPath(const QString &path) const;
+    // Stands in for the file system's answer (tests fill a disk this way).
+    std::function<std::optional<std::uint64_t>(const QString &)> freeSpaceQuery;
 
     // The text form of a date in the log lines: "2020-01-01 00:00:00 +0000".
     static QString dateText(const QDateTime &date);

@@ -12,6 +12,8 @@
 #include <QUrl>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 
 #include <sys/stat.h>
@@ -122,6 +124,13 @@ void PasteSession::readList()
     indexDuplicates();
     qCInfo(lcEngine).noquote().nospace() << "下载文件总大小：" << m_downloadTotalSize;
     qCInfo(lcEngine).noquote().nospace() << "需要下载的文件总个数:" << m_files.size();
+    // A paste that cannot fit is not started: half a paste and a full disk help nobody.
+    const auto free = m_engine.m_context.files.freeSpaceAtPath(m_pasteBasePath);
+    if (free && m_downloadTotalSize > *free) {
+        qCInfo(lcEngine).noquote().nospace() << "not enough space in " << m_pasteBasePath << ": the paste needs "
+                                             << m_downloadTotalSize << " bytes and " << *free << " are free; nothing is written";
+        return end(false, PastedError::saveError);
+    }
     downloadNextFile();
 }
 
@@ -367,7 +376,8 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
     qCInfo(lcEngine).noquote().nospace() << "这一次存储downloadOffset:" << query.offset;
     qCInfo(lcEngine).noquote().nospace() << "这一次写入数据大小:" << size << " bytes";
     if (!file.out->writeDateOffSet(query.offset, QByteArray::fromRawData(bytes.data(), qsizetype(size)))) {
-        qCInfo(lcEngine).noquote().nospace() << "writing at " << query.offset << " failed";
+        qCInfo(lcEngine).noquote().nospace() << "writing at " << query.offset << " failed: "
+                                             << (errno == ENOSPC ? "the disk is full" : std::strerror(errno));
         return end(false, PastedError::saveError);
     }
     // The log tells the chunk after this one, as the one-at-a-time exchange counts; what
