@@ -11,6 +11,11 @@
 
 #include <functional>
 
+#ifdef Q_OS_LINUX
+#include <csignal>
+#include <sys/prctl.h>
+#endif
+
 // Runs the event loop until the predicate holds. QTest::qWaitFor naps between its
 // turns, which would be measured as transfer time.
 inline bool runUntil(const std::function<bool()> &predicate, int timeoutMs)
@@ -35,6 +40,10 @@ public:
     {
         m_process.setProcessChannelMode(QProcess::MergedChannels);
         QObject::connect(&m_process, &QProcess::readyRead, [this] { readLines(); });
+#ifdef Q_OS_LINUX
+        // A run ended by a signal or qFatal skips the destructor: the simulator ends with it.
+        m_process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+#endif
         m_process.start(QStringLiteral(KX_AGENT_SIM), arguments);
         if (!waitFor(QStringLiteral("listening on"), 1, 10000))
             qFatal("the agent simulator did not start");

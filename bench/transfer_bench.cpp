@@ -13,6 +13,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
@@ -40,6 +41,7 @@ FILE *table = stdout;
 
 void writeRandom(const QString &path, qint64 size)
 {
+    QFileInfo(path).dir().mkpath(QStringLiteral("."));
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly))
         qFatal("cannot write %s", qPrintable(path));
@@ -278,6 +280,18 @@ void curve(const PathOf &path, qint64 size)
     }
 }
 
+// Every failure ends in qFatal, which aborts past all destructors: the scratch folder,
+// up to a GiB, is removed here first, or each failed run would leave it behind.
+QtMessageHandler logHandler = nullptr;
+QString scratch;
+
+void removeScratchOnFatal(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    if (type == QtFatalMsg && !scratch.isEmpty())
+        QDir(scratch).removeRecursively();
+    logHandler(type, context, message);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -290,16 +304,19 @@ int main(int argc, char *argv[])
     if (!table || !std::freopen(qEnvironmentVariableIsSet("KX_BENCH_LOG") ? qgetenv("KX_BENCH_LOG").constData() : "/dev/null", "w", stdout))
         qFatal("cannot set the log output aside");
     kx::installStdoutLogHandler();
+    logHandler = qInstallMessageHandler(removeScratchOnFatal);
     const double scale = qEnvironmentVariableIsSet("KX_BENCH_SCALE") ? qEnvironmentVariable("KX_BENCH_SCALE").toDouble() : 1.0;
     // KX_BENCH_ONLY=big|files|rtt|curve runs one group, e.g. under a profiler.
     const QString only = qEnvironmentVariable("KX_BENCH_ONLY");
     auto runs = [&](const char *group) { return only.isEmpty() || only == QLatin1String(group); };
-    // KX_BENCH_DIR puts the files elsewhere, e.g. on a tmpfs to see past the disk.
-    QTemporaryDir dir((qEnvironmentVariableIsSet("KX_BENCH_DIR") ? qEnvironmentVariable("KX_BENCH_DIR") : QDir::currentPath())
-                      + QStringLiteral("/bench-XXXXXX"));
+    // The files go to the temporary folder; KX_BENCH_DIR puts them elsewhere, e.g. on a
+    // tmpfs to see past the disk.
+    QTemporaryDir dir((qEnvironmentVariableIsSet("KX_BENCH_DIR") ? qEnvironmentVariable("KX_BENCH_DIR") : QDir::tempPath())
+                      + QStringLiteral("/kx-bench-XXXXXX"));
+    if (!dir.isValid())
+        qFatal("cannot make a scratch folder: %s", qPrintable(dir.errorString()));
+    scratch = dir.path();
     const PathOf path = [&](const QString &name) { return dir.filePath(name); };
-    for (const char *folder : {"offer-big", "dest", "inbox", "local", "offer-few", "offer-many", "offer-rtt", "offer-curve"})
-        QDir().mkpath(path(folder));
     auto *owned = new FixedChooser;
     chooser = owned;
     KXFileManager::shared()->setFolderChooser(std::unique_ptr<FolderChooser>(owned));

@@ -45,6 +45,15 @@ start_agent() {
 }
 agent() { printf '%s\n' "$1" >&"$agent_in"; }
 
+# copy_files PATH...: the paths on the clipboard, as a file manager's copy puts them.
+# xclip stays in the foreground as one of ours, so that it is ended before the X server:
+# left to itself it would outlive the run and report the server's end as a broken
+# connection. Its chatter goes to its own log.
+copy_files() {
+  printf 'file://%s\r\n' "$@" | xclip -quiet -selection clipboard -t text/uri-list > /dev/null 2>> "$work/xclip.log" &
+  pids+=($!)
+}
+
 # start_app: the companion, connected to the agent; KX_APP_ARGS are added (window,N).
 start_app() {
   # shellcheck disable=SC2086

@@ -238,7 +238,9 @@ void AgentSimulator::answerDescriptorRequest(const FileSDK::CliprdrFormatDataReq
     for (const Entry &entry : std::as_const(m_offer))
         *response.add_filedes() = entry.descriptor;
     m_servedBytes = 0;
-    m_offerClock.start();
+    // Timed from the first query on: the list is asked for before the folder chooser
+    // opens, and the user's time in it is not the transfer's.
+    m_offerClock.invalidate();
     send(response, FrameType::formatDataResponse);
 }
 
@@ -246,6 +248,8 @@ void AgentSimulator::answerContents(const FileSDK::CliprdrFileContentsRequest &r
 {
     if (attackOnContents(request))
         return;
+    if (!m_offerClock.isValid())
+        m_offerClock.start();
     FileSDK::CliprdrFileContentsResponse response;
     *response.mutable_header() = kx::answerHeader();
     response.set_streamid(request.streamid());
