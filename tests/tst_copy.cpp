@@ -220,7 +220,8 @@ void TestCopy::answers()
     QFETCH(int, cbRequested);
     QFETCH(QString, logged);
     const auto big = KXFileStreamOperation::initFileOperationAtPath("big", true, item("")); // sparse, written past 4 GiB
-    QVERIFY(big && big->writeDateOffSet((1ULL << 32) + 12345, "far away") && big->writeDateOffSet((5ULL << 30) - 1, "."));
+    QVERIFY(big && big->writeDateOffSet((1ULL << 32) + 12345, "far away") && big->writeDateOffSet((5ULL << 30) - 1, ".")
+            && big->commit(false));
     QVERIFY(QDir().mkpath(item("tree/inner")) && writeFile(item("f"), pattern(100, 1)) && writeFile(item("gone"), "gone")
             && writeFile(item("huge"), {}) && QFile(item("huge")).resize(100 << 20));
     copy({"big", "tree", "f", "gone", "huge"});

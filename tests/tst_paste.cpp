@@ -52,6 +52,8 @@ private slots:
     void chunking();
     void endings_data();
     void endings();
+    void conflicts_data();
+    void conflicts();
     void formatAskedFor();
     void chooserGuardsAndStrayReplies();
     void onePasteAtATime();
@@ -131,7 +133,7 @@ void TestPaste::chunking_data()
     QTest::newRow("one byte over") << QList<qint64>{chunk + 1} << QList<quint64>{0, chunk} << 3 << -1ll;
     QTest::newRow("only empty files") << QList<qint64>{0, 0, 0} << QList<quint64>{} << 1 << 0ll;
     QTest::newRow("empty between") << QList<qint64>{5, 0, 6} << QList<quint64>{0, 0} << 3 << 11ll;
-    QTest::newRow("an empty file that cannot be made") << QList<qint64>{3, -1} << QList<quint64>{0} << 1 << -1ll;
+    QTest::newRow("a folder where an empty file goes") << QList<qint64>{3, -1} << QList<quint64>{0} << 2 << -1ll;
     QTest::newRow("a byte more than the disk has") << QList<qint64>{5, 0, 6} << QList<quint64>{} << 0 << 10ll;
 }
 
@@ -148,7 +150,7 @@ void TestPaste::chunking()
     Descriptors list;
     for (int i = 0; i < sizes.size(); ++i) {
         list.append(descriptor(QStringLiteral("f%1").arg(i), std::uint64_t(std::max<qint64>(sizes[i], 0))));
-        if (sizes[i] < 0) // a folder of the user's is in the way
+        if (sizes[i] < 0) // a folder of the user's has the name: both are kept
             QVERIFY(QDir().mkpath(h.dest + QStringLiteral("/f%1/mine").arg(i)));
     }
     QVERIFY(h.pasteOf(list));
@@ -162,51 +164,54 @@ void TestPaste::chunking()
     }
     QCOMPARE(seen, offsets);
     QCOMPARE(h.progress.size(), progressReports);
-    const bool full = progressReports == 0, blocked = full || sizes.contains(-1);
-    QVERIFY(h.lastEnd(!blocked, blocked ? PastedError::saveError : PastedError::noError));
+    const bool full = progressReports == 0;
+    QVERIFY(h.lastEnd(!full, full ? PastedError::saveError : PastedError::noError));
     for (int i = 0; i < sizes.size(); ++i)
-        QCOMPARE(readFile(h.dest + QStringLiteral("/f%1").arg(i)), sizes[i] < 0 || full ? "<missing>" : pattern(sizes[i], 1));
+        QCOMPARE(readFile(h.dest + QString(sizes[i] < 0 ? "/f%1 (2)" : "/f%1").arg(i)),
+                 full ? "<missing>" : pattern(std::max<qint64>(sizes[i], 0), 1));
     QCOMPARE(log.contains("not enough space in " + h.dest + ": the paste needs 11 bytes and 10 are free; nothing is written"), full);
 }
 
-// Every way a paste ends but success, in both exchanges. Each row plays the remote side
-// up to the fault; then the end reported, the file on disk, nothing more asked for, and
-// the next paste working from the first byte.
+// Every way a paste ends but success, in both exchanges, at the file's first range or in
+// its middle. The chosen folder already has a file of the same name, and the paste an
+// empty file that completes first. Each row plays the remote side up to the fault; then
+// the end reported, the user's file as it was, the completed file kept, no partial file
+// anywhere, nothing more asked for, and the next paste working from the first byte.
 void TestPaste::endings_data()
 {
     QTest::addColumn<Step>("fault");
-    QTest::addColumn<int>("ranges");       // ranges answered before the fault
-    QTest::addColumn<int>("expected");     // the PastedError
-    QTest::addColumn<qint64>("fileBytes"); // what the file holds afterwards; -1: no file
-    auto rows = [](const char *name, int ranges, PastedError expected, qint64 bytes, Step fault) {
+    QTest::addColumn<int>("ranges");   // ranges answered before the fault
+    QTest::addColumn<int>("expected"); // the PastedError
+    auto rows = [](const char *name, QList<int> ranges, PastedError expected, Step fault) {
         for (int window : {1, 4})
-            QTest::addRow("%s, window %d", name, window) << fault << ranges << int(expected) << bytes;
+            for (int answered : ranges)
+                QTest::addRow("%s after %d ranges, window %d", name, answered, window) << fault << answered << int(expected);
     };
     const auto unknown = PastedError::unKonwnError, saveError = PastedError::saveError;
-    rows("undecodable reply", 1, unknown, chunk, [](EngineHarness &h, const Query &) { h.send(hex("0a 05 06")); });
-    rows("reply beyond the query", 1, unknown, chunk,
+    rows("undecodable reply", {1}, unknown, [](EngineHarness &h, const Query &) { h.send(hex("0a 05 06")); });
+    rows("reply beyond the query", {0, 1}, unknown,
          [](EngineHarness &h, const Query &q) { h.reply(q.streamid(), QByteArray(int(q.cbrequested()) + 1, 'x')); });
-    rows("reply past the announced size", 2, unknown, 2 * chunk, // 1000 bytes are left of the file
+    rows("reply past the announced size", {2}, unknown, // 1000 bytes are left of the file
          [](EngineHarness &h, const Query &q) { h.reply(q.streamid(), QByteArray(1001, 'x')); });
-    rows("stop", 1, PastedError::cancelDownload, chunk, [](EngineHarness &h, const Query &q) {
+    rows("stop", {0, 1}, PastedError::cancelDownload, [](EngineHarness &h, const Query &q) {
         h.engine->setPasteStatus(PasteStatus::cancel); // ends it at once
         QVERIFY(h.ends.size() == 1 && h.statusAtEnd == PasteStatus::downloading);
         h.remoteCopy(); // a new remote copy cannot undo it
         replyRight(h, q);
     });
-    rows("stop during the wait after an empty reply", 0, PastedError::cancelDownload, 0, [](EngineHarness &h, const Query &q) {
+    rows("stop during the wait after an empty reply", {0}, PastedError::cancelDownload, [](EngineHarness &h, const Query &q) {
         h.reply(q.streamid(), {});
         h.engine->setPasteStatus(PasteStatus::cancel);
         QVERIFY(!h.nextFrame(800)); // no repeat after the wait
     });
-    rows("no reply for the time-out", 1, PastedError::websoketDisconnect, chunk, [](EngineHarness &h, const Query &) {
+    rows("no reply for the time-out", {1}, PastedError::websoketDisconnect, [](EngineHarness &h, const Query &) {
         LogCapture log;
         h.engine->setReplyTimeout(300);
         QVERIFY(QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 3000));
         QVERIFY(log.contains("the remote side has not answered for 0.3 seconds; the paste ends"));
     });
-    rows("connection lost", 1, PastedError::websoketDisconnect, chunk, [](EngineHarness &h, const Query &) { h.sink.lose(); });
-    rows("disk full", 1, saveError, chunk + 1000, [](EngineHarness &h, const Query &q) {
+    rows("connection lost", {0, 1}, PastedError::websoketDisconnect, [](EngineHarness &h, const Query &) { h.sink.lose(); });
+    rows("disk full", {1}, saveError, [](EngineHarness &h, const Query &q) {
         std::signal(SIGXFSZ, SIG_IGN);
         rlimit saved{}, limit{};
         getrlimit(RLIMIT_FSIZE, &saved);
@@ -216,8 +221,9 @@ void TestPaste::endings_data()
         replyRight(h, q);
         setrlimit(RLIMIT_FSIZE, &saved);
     });
-    rows("file removed", 1, saveError, -1, [](EngineHarness &h, const Query &q) {
-        QFile::remove(h.dest + "/f.bin");
+    rows("file being written removed", {0, 1}, saveError, [](EngineHarness &h, const Query &q) {
+        for (const QString &partial : QDir(h.dest).entryList({".kx-clipboard-partial-*"}, QDir::Files | QDir::Hidden))
+            QVERIFY(QFile::remove(h.dest + '/' + partial));
         replyRight(h, q);
     });
 }
@@ -227,10 +233,13 @@ void TestPaste::endings()
     QFETCH(Step, fault);
     QFETCH(int, ranges);
     QFETCH(int, expected);
-    QFETCH(qint64, fileBytes);
     EngineHarness h(QString(QTest::currentDataTag()).endsWith("4") ? 4 : 1);
     const QByteArray &data = fileData();
-    QVERIFY(h.pasteOf({descriptor("f.bin", quint64(data.size()))}));
+    QVERIFY(writeFile(h.dest + "/f.bin", "mine"));
+    const Descriptors list{descriptor("done.txt", 0), descriptor("f.bin", quint64(data.size()))};
+    QVERIFY(h.pasteOf(list));
+    QCOMPARE(h.conflicts->asked.size(), 1);
+    QVERIFY(h.conflicts->asked.first().count == 1 && h.conflicts->asked.first().firstNames == QStringList{"f.bin"});
     // The size query, then the ranges in order; the window keeps the later ones waiting.
     QList<Query> waiting{h.query()};
     replyRight(h, waiting.takeFirst());
@@ -247,17 +256,76 @@ void TestPaste::endings()
     QVERIFY2(!h.nextQuery(0), "a query after the end");
     for (const QFileInfo &fd : QDir("/proc/self/fd").entryInfoList(QDir::AllEntries | QDir::System)) // closed at once
         QVERIFY(!fd.symLinkTarget().startsWith(h.dest));
-    QCOMPARE(readFile(h.dest + "/f.bin"), fileBytes < 0 ? "<missing>" : data.first(fileBytes));
+    QCOMPARE(treeOf(h.dest), (QStringList{"done.txt 0", "f.bin 4"}));
 
     // Ctrl+V pastes the same copy again; after a lost connection it waits for a new one.
     h.paste();
     QCOMPARE(h.nextFrame(0).has_value(), h.sink.connected);
     if (!h.sink.connected)
         h.reopen(), h.remoteCopy(), h.paste(), h.nextFrame();
-    h.offer({descriptor("f.bin", quint64(data.size()))});
-    QVERIFY(h.serve({{0, data}}));
+    h.offer(list);
+    QVERIFY(h.serve({{1, data}}));
     QVERIFY(h.lastEnd(true, PastedError::noError));
-    QCOMPARE(readFile(h.dest + "/f.bin"), data);
+    QCOMPARE(treeOf(h.dest), (QStringList{"done (2).txt 0", "done.txt 0", "f (2).bin " + QString::number(data.size()), "f.bin 4"}));
+}
+
+// What the chosen folder holds against each answer to the one question: a name taken by
+// a file, a folder, a link, or a file where the paste needs a folder. Nothing is written
+// through a link, no folder is replaced, and Cancel writes nothing at all.
+void TestPaste::conflicts_data()
+{
+    QTest::addColumn<QString>("holds");
+    QTest::addColumn<int>("answer");
+    QTest::addColumn<QStringList>("tree"); // the chosen folder afterwards, besides "outside" beside it
+    const auto add = [](const char *holds, ConflictChoice answer, QStringList tree) {
+        QTest::addRow("%s, %d", holds, int(answer)) << QString(holds) << int(answer) << tree;
+    };
+    using C = ConflictChoice;
+    add("nothing", C::cancel, {"b.txt 5", "docs/", "docs/a.txt 5"}); // nothing to ask
+    add("a file", C::keepBoth, {"b (2).txt 5", "b.txt 4", "docs/", "docs/a.txt 5"});
+    add("a file", C::replace, {"b.txt 5", "docs/", "docs/a.txt 5"});
+    add("a file", C::skip, {"b.txt 4", "docs/", "docs/a.txt 5"});
+    add("a file", C::cancel, {"b.txt 4"});
+    add("a folder", C::keepBoth, {"b (2).txt 5", "b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5"});
+    add("a folder", C::replace, {"b (2).txt 5", "b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5"});
+    add("a folder", C::skip, {"b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5"});
+    add("a file where a folder is needed", C::keepBoth, {"b.txt 5", "docs (2)/", "docs (2)/a.txt 5", "docs 4"});
+    add("a file where a folder is needed", C::replace, {"b.txt 5", "docs (2)/", "docs (2)/a.txt 5", "docs 4"});
+    add("a file where a folder is needed", C::skip, {"b.txt 5", "docs 4"});
+    add("a link", C::keepBoth, {"b (2).txt 5", "b.txt -> outside", "docs/", "docs/a.txt 5"});
+    add("a link", C::replace, {"b.txt 5", "docs/", "docs/a.txt 5"});
+    add("a link", C::cancel, {"b.txt -> outside"});
+}
+
+void TestPaste::conflicts()
+{
+    QFETCH(QString, holds);
+    QFETCH(int, answer);
+    QFETCH(QStringList, tree);
+    EngineHarness h(2);
+    const QString outside = h.root.filePath("outside");
+    QVERIFY(writeFile(outside, "mine"));
+    if (holds == "a file")
+        QVERIFY(writeFile(h.dest + "/b.txt", "mine"));
+    else if (holds == "a folder")
+        QVERIFY(writeFile(h.dest + "/b.txt/x", "mine"));
+    else if (holds == "a file where a folder is needed")
+        QVERIFY(writeFile(h.dest + "/docs", "mine"));
+    else if (holds == "a link")
+        QVERIFY(QFile::link(outside, h.dest + "/b.txt"));
+    h.conflicts->answer = ConflictChoice(answer);
+    QVERIFY(h.pasteOf({descriptor("docs", 0, 0x10), descriptor("docs\\a.txt", 5), descriptor("b.txt", 5)}));
+    const bool cancelled = answer == int(ConflictChoice::cancel) && holds != "nothing";
+    if (!cancelled)
+        QVERIFY(h.serve({{1, "new-a"}, {2, "new-b"}}));
+    QVERIFY(h.lastEnd(!cancelled, cancelled ? PastedError::cancelDownload : PastedError::noError));
+    QCOMPARE(treeOf(h.dest), tree);
+    QCOMPARE(readFile(outside), "mine");
+    QCOMPARE(h.conflicts->asked.size(), holds == "nothing" ? 0 : 1);
+    if (!h.conflicts->asked.isEmpty())
+        QCOMPARE(h.conflicts->asked.first().firstNames, QStringList{holds.endsWith("needed") ? "docs" : "b.txt"});
+    for (const QString &name : tree.filter(QRegularExpression(" 5$")))
+        QCOMPARE(readFile(h.dest + '/' + name.chopped(2)), name.startsWith("docs") ? "new-a" : "new-b");
 }
 
 // Ctrl+V asks for the last format named for the file list, 0 with none, under the list's

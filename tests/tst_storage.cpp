@@ -63,7 +63,8 @@ void TestStorage::pathMapping()
 
 // The chosen folder holds links to a folder outside, to a file outside, and one that
 // points nowhere. Whatever the name, nothing outside changes; a link is never written
-// through, only replaced when it sits where the file goes.
+// through. A file is written under a hidden name and put in place, here replacing what
+// has its name, when it is complete; a folder is never replaced.
 void TestStorage::writesBeneath_data()
 {
     QTest::addColumn<QString>("remote");
@@ -72,12 +73,12 @@ void TestStorage::writesBeneath_data()
 
     const QStringList links{"dangling -> nowhere", "file -> victim.txt", "photos -> outside"};
     const auto with = [&](QStringList extra) { extra += links; extra.sort(); return extra; };
-    QTest::newRow("new folders") << "a\\b\\c.txt" << true << with({"a/", "a/b/", "a/b/c.txt 0"});
-    QTest::newRow("existing file replaced") << "old.txt" << true << with({"old.txt 0"});
+    QTest::newRow("new folders") << "a\\b\\c.txt" << true << with({"a/", "a/b/", "a/b/c.txt 11"});
+    QTest::newRow("existing file replaced") << "old.txt" << true << with({"old.txt 11"});
     QTest::newRow("through a link to a folder") << "photos\\.bashrc" << false << links;
     QTest::newRow("through it, deeper") << "photos\\new\\x" << false << links;
-    QTest::newRow("a link where the file goes") << "file" << true << QStringList{"dangling -> nowhere", "file 0", "photos -> outside"};
-    QTest::newRow("a folder where the file goes") << "keep" << false << with({"keep/", "keep/mine 4"});
+    QTest::newRow("a link where the file goes") << "file" << true << QStringList{"dangling -> nowhere", "file 11", "photos -> outside"};
+    QTest::newRow("a folder where the file goes") << "keep" << true << with({"keep (2) 11", "keep/", "keep/mine 4"});
     QTest::newRow("a component over NAME_MAX") << "a\\" + QString(256, 'x') + "\\f" << false << links;
     QTest::newRow("a path over PATH_MAX") << QString("d\\").repeated(2100) + "f" << false << links;
     QTest::newRow("parents, walked") << "a\\..\\..\\up" << false << links;
@@ -100,20 +101,23 @@ void TestStorage::writesBeneath()
     const QStringList outsideBefore = treeOf(dir.path()).filter(QRegularExpression("^(outside|victim)"));
 
     LogCapture log;
+    KXFileStreamOperation::initFileOperationAtPath(remote, true, chosen).reset(); // dropped unfinished: no trace
     auto operation = KXFileStreamOperation::initFileOperationAtPath(remote, true, chosen);
     QCOMPARE(bool(operation), created);
     QVERIFY(!created || !log.containsPrefix("创建文件夹失败:"));
+    if (operation) {
+        QCOMPARE(operation->basePath, std::optional<QString>(chosen));
+        QVERIFY(operation->writeDateOffSet(0, "first") && operation->writeDateOffSet(5, "second"));
+        operation->closeFile();
+        QVERIFY(!operation->writeDateOffSet(11, "closed"));
+        QCOMPARE(readFile(operation->partialPath()), QByteArray("firstsecond"));
+        const auto placed = operation->commit(true);
+        QVERIFY(placed && readFile(*placed) == "firstsecond" && operation->partialPath().isEmpty());
+        QVERIFY(!(QFile::permissions(*placed) & (QFile::ExeOwner | QFile::ExeOther | QFile::WriteOther))); // never made runnable
+    }
     QCOMPARE(treeOf(chosen), inside);
     QCOMPARE(treeOf(dir.path()).filter(QRegularExpression("^(outside|victim)")), outsideBefore);
     QCOMPARE(readFile(outside + "/.bashrc"), QByteArray("mine"));
-    if (!operation)
-        return;
-    QCOMPARE(operation->basePath, std::optional<QString>(chosen));
-    QVERIFY(operation->writeDateOffSet(0, "first") && operation->writeDateOffSet(5, "second"));
-    operation->closeFile();
-    QVERIFY(!operation->writeDateOffSet(11, "closed"));
-    QCOMPARE(readFile(operation->filePath), QByteArray("firstsecond"));
-    QVERIFY(!(QFile::permissions(operation->filePath) & (QFile::ExeOwner | QFile::ExeOther | QFile::WriteOther))); // never made runnable
 }
 
 void TestStorage::fragmentsAndArchive_data()

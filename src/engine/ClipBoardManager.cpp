@@ -112,7 +112,7 @@ void ClipBoardManager::socketDidDrain()
 // its folder. A download that runs goes on until the new paste has its folder.
 void ClipBoardManager::startPaste(ProgressCallback progress, CompletionCallback completion)
 {
-    if (!m_formList || m_pending)
+    if (!m_formList || m_pending || (m_paste && m_paste->asking()))
         return;
     sendFormatDataRequest(std::move(progress), std::move(completion));
 }

@@ -54,6 +54,21 @@ void KXFileManager::chooseDestinationFolder()
         d->folderChosen(*choice.url);
 }
 
+void KXFileManager::setConflictAsker(std::unique_ptr<ConflictAsker> asker)
+{
+    m_conflictAsker = std::move(asker);
+}
+
+ConflictChoice KXFileManager::askAboutConflicts(const ConflictSummary &summary)
+{
+    qCInfo(lcFileManager).noquote().nospace() << summary.count << " of the pasted names are taken in " << summary.folder
+                                              << ": " << summary.firstNames.join(QStringLiteral(", "));
+    const ConflictChoice choice = m_conflictAsker ? m_conflictAsker->ask(summary) : ConflictChoice::keepBoth;
+    static const char *const names[] = {"keep both", "replace", "skip", "cancel"};
+    qCInfo(lcFileManager).noquote().nospace() << "the user chose: " << names[int(choice)];
+    return choice;
+}
+
 std::uint64_t KXFileManager::fileSizeAtPath(const QString &path) const
 {
     if (path.isEmpty())

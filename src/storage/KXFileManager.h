@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ConflictAsker.h"
 #include "FolderChooser.h"
 #include "KXFileManagerDelegate.h"
 
@@ -26,8 +27,12 @@ public:
     KXFileManagerDelegate *delegate() const;
 
     void setFolderChooser(std::unique_ptr<FolderChooser> chooser);
+    void setConflictAsker(std::unique_ptr<ConflictAsker> asker);
 
     void chooseDestinationFolder();
+    // Asks once what to do with a paste's names that are taken; with nobody to ask, both
+    // are kept, which loses nothing.
+    ConflictChoice askAboutConflicts(const ConflictSummary &summary);
     std::uint64_t fileSizeAtPath(const QString &path) const;
     QDateTime creationDateAtPath(const QString &path) const;
     QDateTime modificationDateAtPath(const QString &path) const;
@@ -43,4 +48,5 @@ private:
     KXFileManagerDelegate *m_delegate = nullptr;
     QPointer<QObject> m_delegateGuard;
     std::unique_ptr<FolderChooser> m_chooser;
+    std::unique_ptr<ConflictAsker> m_conflictAsker;
 };

@@ -10,10 +10,12 @@
 #include <QStandardPaths>
 #include <QUuid>
 
+#include "PasteTarget.h"
 #include "RemotePath.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <fcntl.h>
@@ -78,6 +80,9 @@ int openRegularForReading(const QString &path)
 }
 
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// How far "name (k)" goes before a file is given up as not placeable.
+constexpr int maxNumberedNames = 10000;
 
 // The chosen folder itself may be a link: it was the user's choice, so it is followed.
 UniqueFd openBase(const QString &base)
@@ -227,28 +232,21 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     const QStringList parts = kx::remoteComponents(path);
     // Every folder of the path is opened beneath the base without following a link, so
     // a link already in the chosen folder can never carry a write outside it.
-    const UniqueFd folder = parts.isEmpty() ? UniqueFd() : createFolder(path, base);
+    UniqueFd folder = parts.isEmpty() ? UniqueFd() : createFolder(path, base);
     const QString fullPath = getFullPathWithWindowsPath(path, base);
     qCInfo(lcStream).noquote().nospace() << "将要创建这个文件path：" << fullPath;
     if (!folder.valid()) {
         qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
         return nullptr;
     }
-    const QByteArray name = QFile::encodeName(parts.last());
+    // Whatever has the name now stays as it is until the new file is complete.
     struct stat existing {};
-    if (::fstatat(folder.get(), name.constData(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
-        qCInfo(lcStream).noquote().nospace() << "fileMgr 先删除path:" << fullPath;
-        // A file or a link is replaced; a folder of the same name is the user's data.
-        if (S_ISDIR(existing.st_mode)) {
-            qCInfo(lcStream).noquote().nospace() << "文件不存在：" << "a folder is in the way of " << fullPath;
-            return nullptr;
-        }
-        ::unlinkat(folder.get(), name.constData(), 0);
+    if (::fstatat(folder.get(), QFile::encodeName(parts.last()).constData(), &existing, AT_SYMLINK_NOFOLLOW) == 0)
         qCInfo(lcStream).noquote().nospace() << "fileMgr 创建path:" << fullPath;
-    } else {
+    else
         qCInfo(lcStream).noquote().nospace() << "没有这个文件直接创建path:" << fullPath;
-    }
-    UniqueFd file(::openat(folder.get(), name.constData(),
+    const QString partial = kx::makePartialName();
+    UniqueFd file(::openat(folder.get(), QFile::encodeName(partial).constData(),
                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     if (!file.valid()) {
         qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
@@ -258,6 +256,8 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     operation->fileName = parts.last();
     operation->fileSize = 0;
     qCInfo(lcStream).noquote().nospace() << "创建path成功：" << fullPath;
+    operation->m_folderFd = std::move(folder);
+    operation->m_partialName = partial;
     operation->m_writeFd = std::move(file);
     return operation;
 }
@@ -362,6 +362,42 @@ std::uint64_t KXFileStreamOperation::offsetInFile() const
 std::uint64_t KXFileStreamOperation::seekToEndOfFile()
 {
     return std::uint64_t(std::max<off_t>(::lseek(isReadOperation ? m_readFd.get() : m_writeFd.get(), 0, SEEK_END), 0));
+}
+
+std::optional<QString> KXFileStreamOperation::commit(bool replace)
+{
+    if (m_partialName.isEmpty())
+        return std::nullopt;
+    const QByteArray from = QFile::encodeName(m_partialName);
+    const int folder = m_folderFd.get();
+    for (int number = 1; number <= maxNumberedNames; ++number) {
+        const QString name = number == 1 ? fileName : kx::numberedName(fileName, number);
+        const QByteArray to = QFile::encodeName(name);
+        int placed = replace && number == 1 ? ::renameat(folder, from.constData(), folder, to.constData())
+                                            : ::renameat2(folder, from.constData(), folder, to.constData(), RENAME_NOREPLACE);
+        if (placed != 0 && errno == EINVAL) // a file system without the flag: a link fails the same way on a taken name
+            placed = ::linkat(folder, from.constData(), folder, to.constData(), 0) == 0 ? ::unlinkat(folder, from.constData(), 0) : -1;
+        if (placed == 0) {
+            m_partialName.clear();
+            return QFileInfo(filePath).path() + QLatin1Char('/') + name;
+        }
+        if (errno != EEXIST && errno != EISDIR && errno != ENOTEMPTY && errno != ENOTDIR)
+            break;
+    }
+    qCInfo(lcStream).noquote().nospace() << "could not put the file in place: " << std::strerror(errno) << ": " << filePath;
+    return std::nullopt;
+}
+
+void KXFileStreamOperation::discard()
+{
+    if (!m_partialName.isEmpty() && m_folderFd.valid())
+        ::unlinkat(m_folderFd.get(), QFile::encodeName(m_partialName).constData(), 0);
+    m_partialName.clear();
+}
+
+QString KXFileStreamOperation::partialPath() const
+{
+    return m_partialName.isEmpty() ? QString() : QFileInfo(filePath).path() + QLatin1Char('/') + m_partialName;
 }
 
 void KXFileStreamOperation::closeFile()

@@ -20,7 +20,6 @@ class KXFileStreamOperation
 {
 public:
     KXFileStreamOperation() = default;
-    ~KXFileStreamOperation() = default;
     KXFileStreamOperation(const KXFileStreamOperation &) = delete;
     KXFileStreamOperation &operator=(const KXFileStreamOperation &) = delete;
 
@@ -81,6 +80,17 @@ public:
     bool isReadOperation = false;
     std::optional<QString> basePath;
 
+    // A file being written lives under a hidden name beside its target until it is
+    // complete. commit puts it in place: onto its own name (replacing a file or link there
+    // only when asked to), or else onto the first free "name (k)"; a folder is never
+    // replaced. It gives the path it got, or nothing. A file never committed is removed
+    // when the operation goes.
+    std::optional<QString> commit(bool replace);
+    void discard();
+    QString partialPath() const;
+    int folderDescriptor() const { return m_folderFd.get(); }
+    ~KXFileStreamOperation() { discard(); }
+
     bool hasReadHandle() const { return m_readFd.valid(); }
     int writeDescriptor() const { return m_writeFd.get(); }
     bool hasWriteHandle() const { return m_writeFd.valid(); }
@@ -88,4 +98,6 @@ public:
 private:
     UniqueFd m_readFd;
     UniqueFd m_writeFd;
+    UniqueFd m_folderFd;   // of the file being written
+    QString m_partialName; // its hidden name there, until it is committed
 };

@@ -44,6 +44,14 @@ struct ScriptedChooser : FolderChooser
     }
 };
 
+// The question about taken names, answered as the test says; what was asked is kept.
+struct ScriptedConflicts : ConflictAsker
+{
+    ConflictChoice answer = ConflictChoice::keepBoth;
+    QList<ConflictSummary> asked;
+    ConflictChoice ask(const ConflictSummary &summary) override { return asked.append(summary), answer; }
+};
+
 struct CountingPasteboard : PasteboardAccess
 {
     int clears = 0;
@@ -83,6 +91,8 @@ public:
         chooser = new ScriptedChooser;
         chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest)};
         files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+        conflicts = new ScriptedConflicts;
+        files.setConflictAsker(std::unique_ptr<ConflictAsker>(conflicts));
         if (link == Link::loopback) {
             engine = std::make_unique<ClipBoardManager>(QStringLiteral("ws://agent"), QStringLiteral("1"),
                                                         QStringLiteral("tok"), QStringLiteral("7"),
@@ -195,6 +205,7 @@ public:
     std::unique_ptr<SocketManager> socket;
     KXFileManager files;
     ScriptedChooser *chooser = nullptr;
+    ScriptedConflicts *conflicts = nullptr;
     CountingPasteboard pasteboard;
     std::unique_ptr<ClipBoardManager> engine;
     QList<double> progress;

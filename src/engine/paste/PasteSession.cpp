@@ -8,6 +8,7 @@
 #include "RemotePath.h"
 #include "Wire.h"
 
+#include <QFileInfo>
 #include <QRandomGenerator>
 #include <QUrl>
 
@@ -68,7 +69,10 @@ PasteSession::PasteSession(ClipBoardManager &engine, const QString &basePath, De
     connect(&m_replyTimer, &QTimer::timeout, this, &PasteSession::replyTimedOut);
 }
 
-PasteSession::~PasteSession() = default;
+PasteSession::~PasteSession()
+{
+    *m_alive = false;
+}
 
 QString PasteSession::currentFileName() const
 {
@@ -124,7 +128,91 @@ void PasteSession::readList()
     indexDuplicates();
     qCInfo(lcEngine).noquote().nospace() << "下载文件总大小：" << m_downloadTotalSize;
     qCInfo(lcEngine).noquote().nospace() << "需要下载的文件总个数:" << m_files.size();
-    // A paste that cannot fit is not started: half a paste and a full disk help nobody.
+    checkTargets();
+}
+
+// Before the first byte: which names of the paste are taken beneath the chosen folder. A
+// folder's name that a file has counts once, not once for each file the paste puts in it.
+void PasteSession::checkTargets()
+{
+    for (; m_targetsChecked < m_files.size(); ++m_targetsChecked) {
+        if (sliceOver())
+            return continueLater(&PasteSession::checkTargets);
+        const QString name = QString::fromStdString(m_originFileDescriptorwList.entry(m_files[m_targetsChecked])->cfilename());
+        if (!kx::isContainedRemotePath(name))
+            continue; // refused in its turn
+        const QStringList parts = kx::remoteComponents(name);
+        const kx::FoundTarget found = kx::existingTarget(m_pasteBasePath, parts);
+        if (found.what == kx::Existing::nothing)
+            continue;
+        m_conflicts.push_back({std::uint32_t(m_targetsChecked), found.what, std::uint32_t(found.depth)});
+        const QString taken = parts.first(found.depth + 1).join(QLatin1Char('/'));
+        if (!m_takenNames.contains(taken) && m_firstTaken.size() < 5)
+            m_firstTaken.append(taken);
+        m_takenNames.insert(taken);
+    }
+    resolveConflicts();
+}
+
+// One question for the whole paste; whatever the answer, nothing the user has is lost
+// but what they chose to replace, and a folder is never replaced.
+void PasteSession::resolveConflicts()
+{
+    if (!m_conflicts.empty()) {
+        const ConflictSummary summary{m_pasteBasePath, std::size_t(m_takenNames.size()), m_firstTaken};
+        m_asking = true;
+        const std::shared_ptr<bool> alive = m_alive;
+        const ConflictChoice choice = m_engine.m_context.files.askAboutConflicts(summary);
+        if (!*alive)
+            return; // a newer paste took this one's place meanwhile
+        m_asking = false;
+        if (m_ended)
+            return; // the connection was lost meanwhile
+        m_slice.start();
+        if (choice == ConflictChoice::cancel)
+            return end(false, PastedError::cancelDownload);
+        m_replaceExisting = choice == ConflictChoice::replace;
+        std::vector<bool> skipped(choice == ConflictChoice::skip ? m_files.size() : 0);
+        for (const Conflict &conflict : m_conflicts) {
+            const auto d = m_originFileDescriptorwList.entry(m_files[conflict.file]);
+            if (choice == ConflictChoice::skip) {
+                skipped[conflict.file] = true;
+                m_downloadTotalSize -= std::min(m_downloadTotalSize, kx::descriptorSize(*d));
+                continue;
+            }
+            if (conflict.what != kx::Existing::fileInTheWay)
+                continue; // the file itself gets a free name when it is complete, or replaces
+            // A file or a link where the paste needs a folder: the paste's folder gets a free name.
+            const QStringList parts = kx::remoteComponents(QString::fromStdString(d->cfilename()));
+            const QString key = parts.first(conflict.depth + 1).join(QLatin1Char('/'));
+            for (int number = 2; !m_renamedFolders.contains(key); ++number) {
+                const QString candidate = kx::numberedName(parts.at(conflict.depth), number, true);
+                if (kx::existingTarget(m_pasteBasePath, parts.first(conflict.depth) << candidate).what == kx::Existing::nothing)
+                    m_renamedFolders.insert(key, candidate);
+            }
+        }
+        if (!skipped.empty()) {
+            std::size_t kept = 0;
+            for (std::size_t i = 0; i < m_files.size(); ++i) {
+                if (skipped[i])
+                    continue;
+                if (!m_queryIndexes.empty())
+                    m_queryIndexes[kept] = m_queryIndexes[i];
+                m_files[kept++] = m_files[i];
+            }
+            m_skipped = m_files.size() - kept;
+            m_files.resize(kept);
+            m_queryIndexes.resize(m_queryIndexes.empty() ? 0 : kept);
+        }
+    }
+    std::vector<Conflict>().swap(m_conflicts);
+    m_takenNames.clear();
+    checkSpace();
+}
+
+// A paste that cannot fit is not started: half a paste and a full disk help nobody.
+void PasteSession::checkSpace()
+{
     const auto free = m_engine.m_context.files.freeSpaceAtPath(m_pasteBasePath);
     if (free && m_downloadTotalSize > *free) {
         qCInfo(lcEngine).noquote().nospace() << "not enough space in " << m_pasteBasePath << ": the paste needs "
@@ -132,6 +220,20 @@ void PasteSession::readList()
         return end(false, PastedError::saveError);
     }
     downloadNextFile();
+}
+
+// The remote name with the folders that had to be given free names renamed.
+QString PasteSession::stagedName(const QString &remoteName) const
+{
+    if (m_renamedFolders.isEmpty())
+        return remoteName;
+    QStringList parts = kx::remoteComponents(remoteName);
+    QString key;
+    for (qsizetype i = 0; i + 1 < parts.size(); ++i) {
+        key += (i ? QStringLiteral("/") : QString()) + parts.at(i);
+        parts[i] = m_renamedFolders.value(key, parts.at(i));
+    }
+    return parts.join(QLatin1Char('\\'));
 }
 
 // A file's queries carry the position of the first entry equal to it in every field: an
@@ -173,7 +275,8 @@ void PasteSession::pump()
         if (sliceOver())
             return continueLater(&PasteSession::pump);
         if (m_head < m_next && m_active.front().out && m_active.front().saved == m_active.front().size) {
-            finishCurrentFile(m_active.front());
+            if (!finishCurrentFile(m_active.front()))
+                return;
             m_active.pop_front();
             ++m_head;
             qCInfo(lcEngine).noquote() << "开始启动下载loop";
@@ -254,13 +357,20 @@ void PasteSession::startCurrentFile(std::size_t index)
         qCInfo(lcEngine).noquote().nospace() << "refused a remote name outside the chosen folder: " << name;
         return end(false, PastedError::saveError);
     }
-    file.out = KXFileStreamOperation::initFileOperationAtPath(name, true, m_pasteBasePath);
+    const QString staged = stagedName(name);
+    file.out = KXFileStreamOperation::initFileOperationAtPath(staged, true, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "文件总大小resultValue:" << file.size;
     if (!file.out)
         return end(false, PastedError::saveError);
+    const QString folder = QFileInfo(file.out->filePath).path();
+    if (!m_cleanedFolders.contains(folder)) {
+        m_cleanedFolders.insert(folder);
+        if (const int removed = kx::removeStalePartials(file.out->folderDescriptor()))
+            qCInfo(lcEngine).noquote().nospace() << "removed " << removed << " unfinished files of an earlier paste from " << folder;
+    }
     if (file.size == 0)
         return; // complete as it is; finished in its turn
-    file.localPath = KXFileStreamOperation::getMacPathFromWindowsPath(name, m_pasteBasePath);
+    file.localPath = KXFileStreamOperation::getMacPathFromWindowsPath(staged, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "self.pasteBasePath:" << m_pasteBasePath << ' ' << m_pasteBasePath;
     qCInfo(lcEngine).noquote().nospace() << "windows转到mac的存储路径为:"
                                          << QUrl::toPercentEncoding(file.localPath, "!$&'()*+,/:;=@");
@@ -402,7 +512,7 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
         qCInfo(lcEngine).noquote().nospace() << "the file being written has disappeared: " << file.localPath;
         return end(false, PastedError::saveError);
     }
-    const std::uint64_t savedSize = m_engine.m_context.files.fileSizeAtPath(file.localPath);
+    const std::uint64_t savedSize = m_engine.m_context.files.fileSizeAtPath(file.out->partialPath());
     qCInfo(lcEngine).noquote().nospace() << "当前已经存储了" << savedSize << "大小";
     if (m_pastedProgressCallback)
         m_pastedProgressCallback(double(m_alreadySavedTotalSize) / double(m_downloadTotalSize));
@@ -412,12 +522,22 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
         qCInfo(lcEngine).noquote() << "这个文件大小正确下载完成了";
 }
 
-void PasteSession::finishCurrentFile(FileTask &file)
+// A complete file, its time set, takes its place; until then whatever had its name was
+// left as it was.
+bool PasteSession::finishCurrentFile(FileTask &file)
 {
     const auto time = lastWriteTime(file.descriptor);
     if (time && !setModificationTime(file.out->writeDescriptor(), *time))
-        qCInfo(lcEngine).noquote().nospace() << "could not set the modification time of " << file.localPath;
+        qCInfo(lcEngine).noquote().nospace() << "could not set the modification time of " << file.out->filePath;
+    const std::optional<QString> placed = file.out->commit(m_replaceExisting);
+    if (!placed) {
+        end(false, PastedError::saveError);
+        return false;
+    }
+    if (*placed != file.out->filePath)
+        qCInfo(lcEngine).noquote().nospace() << "the name was taken, both are kept: " << *placed;
     file.out.reset(); // closes the file
+    return true;
 }
 
 // Queries outstanding are answered within the time-out, or the paste ends.

@@ -2,11 +2,14 @@
 
 #include "DescriptorList.h"
 #include "KXFileStreamOperation.h"
+#include "PasteTarget.h"
 #include "PastedError.h"
 #include "filesdk.pb.h"
 
 #include <QElapsedTimer>
+#include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QTimer>
 
@@ -54,6 +57,8 @@ public:
     void end(bool success, PastedError error);
 
     bool running() const { return !m_ended; }
+    // The user is being asked what to do with names that are taken.
+    bool asking() const { return m_asking; }
     void setReplyTimeout(int ms) { m_replyTimer.setInterval(ms); }
     QString currentFileName() const;
     std::uint64_t alreadySavedTotalSize() const { return m_alreadySavedTotalSize; }
@@ -91,6 +96,10 @@ private:
     void continueLater(void (PasteSession::*step)());
     void readList();
     void indexDuplicates();
+    void checkTargets();
+    void resolveConflicts();
+    void checkSpace();
+    QString stagedName(const QString &remoteName) const;
     void downloadNextFile();
     void pump();
     void closeSavedFiles();
@@ -103,7 +112,7 @@ private:
     void sendQuery(std::uint32_t streamId, const Query &query, const char *completionText);
     void scheduleRangeRetry(std::uint32_t streamId, std::uint64_t serial);
     void saveContentData(FileTask &file, const Query &query, const FileSDK::CliprdrFileContentsResponse &reply);
-    void finishCurrentFile(FileTask &file);
+    bool finishCurrentFile(FileTask &file);
     void watchReplies();
     void replyTimedOut();
     std::uint32_t nextStreamId();
@@ -122,6 +131,26 @@ private:
     std::vector<std::uint32_t> m_queryIndexes;           // by file, where an entry repeats an earlier one
     std::vector<std::uint32_t> m_timedFolders;           // folders that carry a last-write time
     std::size_t m_foldersTimed = 0;
+
+    // Names of the paste already taken in the chosen folder, found before the first byte.
+    struct Conflict
+    {
+        std::uint32_t file = 0;
+        kx::Existing what = kx::Existing::nothing;
+        std::uint32_t depth = 0;
+    };
+    std::vector<Conflict> m_conflicts;
+    std::size_t m_targetsChecked = 0;
+    QSet<QString> m_takenNames;
+    QStringList m_firstTaken;
+    bool m_asking = false;
+    bool m_replaceExisting = false;
+    QHash<QString, QString> m_renamedFolders; // a folder of the paste whose name a file has
+    QSet<QString> m_cleanedFolders;           // folders already rid of what crashed pastes left
+    std::size_t m_skipped = 0;
+    // Told false when the session goes: a modal question runs the event loop, and a newer
+    // paste may replace this one meanwhile.
+    std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
 
     std::deque<FileTask> m_active; // the files from the head to the last started
     std::size_t m_head = 0;        // the file being downloaded: the first not finished

@@ -1,0 +1,74 @@
+#include "PasteTarget.h"
+
+#include "UniqueFd.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kx {
+
+const QString partialPrefix = QStringLiteral(".kx-clipboard-partial-");
+
+FoundTarget existingTarget(const QString &base, const QStringList &components)
+{
+    UniqueFd folder(::open(QFile::encodeName(base).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (qsizetype i = 0; folder.valid() && i < components.size(); ++i) {
+        const QByteArray name = QFile::encodeName(components.at(i));
+        struct stat st {};
+        if (::fstatat(folder.get(), name.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return {Existing::nothing, i};
+        if (i + 1 == components.size())
+            return {S_ISDIR(st.st_mode) ? Existing::folder : Existing::file, i};
+        if (!S_ISDIR(st.st_mode))
+            return {Existing::fileInTheWay, i};
+        folder.reset(::openat(folder.get(), name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    }
+    return {};
+}
+
+QString numberedName(const QString &name, int number, bool folder)
+{
+    const qsizetype dot = folder ? -1 : name.lastIndexOf(QLatin1Char('.'));
+    const QString suffix = QStringLiteral(" (%1)").arg(number);
+    return dot <= 0 ? name + suffix : name.left(dot) + suffix + name.mid(dot);
+}
+
+QString makePartialName()
+{
+    return partialPrefix + QString::number(::getpid()) + QLatin1Char('-')
+        + QString::number(QRandomGenerator::global()->generate64(), 16);
+}
+
+int removeStalePartials(int folderFd)
+{
+    const int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listed < 0)
+        return 0;
+    DIR *dir = ::fdopendir(listed);
+    if (!dir) {
+        ::close(listed);
+        return 0;
+    }
+    const QByteArray prefix = QFile::encodeName(partialPrefix);
+    int removed = 0;
+    while (const dirent *entry = ::readdir(dir)) {
+        const QByteArray name(entry->d_name);
+        if (!name.startsWith(prefix))
+            continue;
+        const pid_t writer = pid_t(name.mid(prefix.size()).split('-').first().toInt());
+        // Another companion that still runs may be writing it; ours are in use.
+        if (writer > 0 && (writer == ::getpid() || QDir(QStringLiteral("/proc/%1").arg(writer)).exists()))
+            continue;
+        removed += ::unlinkat(folderFd, name.constData(), 0) == 0;
+    }
+    ::closedir(dir);
+    return removed;
+}
+
+} // namespace kx
