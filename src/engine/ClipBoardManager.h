@@ -21,6 +21,15 @@
 
 class PasteSession;
 
+// A paste between Ctrl+V and the chosen folder: its callbacks, and the list once it came.
+struct PendingPaste
+{
+    std::function<void(double)> progress;
+    std::function<void(bool, PastedError)> completion;
+    bool choosing = false; // the list came; the folder chooser is open
+    DescriptorList list;
+};
+
 // The session engine: holds the clipboard session with the remote agent, dispatches
 // every received frame, runs the remote-to-local paste (paste/) and serves the
 // local-to-remote copy (copy/). Everything runs on the main thread; no step blocks it.
@@ -90,14 +99,14 @@ public:
 private:
     friend class PasteSession;
 
-    // A paste between Ctrl+V and the chosen folder: its callbacks, and the list once it came.
-    struct PendingPaste
-    {
-        ProgressCallback progress;
-        CompletionCallback completion;
-        bool choosing = false; // the list came; the folder chooser is open
-        DescriptorList list;
-    };
+// A paste between Ctrl+V and the chosen folder: its callbacks, and the list once it came.
+struct PendingPaste
+{
+    std::function<void(double)> progress;
+    std::function<void(bool, PastedError)> completion;
+    bool choosing = false; // the list came; the folder chooser is open
+    DescriptorList list;
+};
 
     void send(const google::protobuf::MessageLite &message, FrameType type, const char *completionText);
 
