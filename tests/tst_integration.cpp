@@ -81,7 +81,7 @@ void TestIntegration::connectionLife()
 
     TestAgent agent;
     LogCapture log;
-    manager.connect(agent.ip() + ":" + agent.port() + "/tok");
+    manager.connect(agent.ip() + ":" + agent.port() + "/secret-token");
     QTRY_COMPARE(delegate.connects, 1);
     QVERIFY(!written && manager.isConnected() && log.contains("websocket is connected: [:]"));
     for (QAbstractSocket *transport : manager.socket()->findChildren<QAbstractSocket *>()) // each query waits for its answer
@@ -103,17 +103,18 @@ void TestIntegration::connectionLife()
     QVERIFY(delegate.data == QList<QByteArray>{big});
     QVERIFY(log.contains("websocket is Received text: " + QString(4096, 'x') + "… (5000 characters in all)"));
 
-    // A close, logged with its reason and code; the reconnection two seconds later, one
-    // only however often it is asked for.
-    agent.closeGracefully("bye");
-    QTRY_VERIFY(log.contains("websocket is disconnected: bye with code: 1000"));
+    // A close, logged with its reason and code (the token masked, should the agent quote
+    // it); the reconnection two seconds later, one only however often it is asked for,
+    // its URL masked too.
+    agent.closeGracefully("bye secret-token");
+    QTRY_VERIFY(log.contains("websocket is disconnected: bye secr… with code: 1000"));
     QElapsedTimer clock;
     clock.start();
     manager.reconnect();
     QCOMPARE(log.count("重连中无需再次重连"), 1);
     QTRY_COMPARE_WITH_TIMEOUT(delegate.connects, 2, 10000);
     QVERIFY2(clock.elapsed() > 1800, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(log.count("再次重连self.urlStr:" + agent.ip() + ":" + agent.port() + "/tok"), 1);
+    QCOMPARE(log.count("再次重连self.urlStr:" + agent.ip() + ":" + agent.port() + "/secr…"), 1);
 }
 
 void TestIntegration::errorsAndReplacedClients()
@@ -156,6 +157,16 @@ void TestIntegration::errorsAndReplacedClients()
     QTRY_VERIFY(log.contains("websocket encountered an error: The connection timed out") && !manager.isConnected());
     QTcpSocket *peer = silent.nextPendingConnection(); // and the attempt is closed, not left hanging
     QTRY_VERIFY(peer && peer->state() == QAbstractSocket::UnconnectedState);
+    QTcpServer quoting; // refuses the upgrade in words that quote the path: Qt's error shows the token masked
+    QVERIFY(quoting.listen(QHostAddress::LocalHost));
+    QObject::connect(&quoting, &QTcpServer::newConnection, [&] {
+        quoting.nextPendingConnection()->write("HTTP/1.1 403 No entry for /secret-token\r\n\r\n");
+    });
+    log.clear();
+    manager.connect("ws://127.0.0.1:" + QString::number(quoting.serverPort()) + "/secret-token");
+    QTRY_VERIFY(log.containsPrefix("websocket encountered an error: "));
+    const QString error = log.lines().filter("websocket encountered an error: ").first();
+    QVERIFY2(error.contains("No entry for /secr…") && !error.contains("secret-token"), qPrintable(error));
 }
 
 // An agent's certificate is its own, and its clock may not be ours: every fault is

@@ -1,6 +1,7 @@
 #include "SocketManager.h"
 
 #include "ConnectionLog.h"
+#include "SecretMask.h"
 
 #include <QAbstractSocket>
 #include <QSslError>
@@ -29,7 +30,7 @@ SocketManager::SocketManager(QObject *parent)
     m_reconnectTimer->setSingleShot(true);
     m_reconnectTimer->setInterval(reconnectDelayMs);
     QObject::connect(m_reconnectTimer, &QTimer::timeout, this, [this] {
-        qCInfo(lcConnection).noquote().nospace() << "再次重连self.urlStr:" << m_urlStr;
+        qCInfo(lcConnection).noquote().nospace() << "再次重连self.urlStr:" << kx::maskedUrl(m_urlStr);
         connect(m_urlStr);
     });
 }
@@ -102,6 +103,12 @@ void SocketManager::connect(const QString &urlStr)
     m_websoketStatus = WebsoketStatus::connecting;
     m_connectTimer->start();
     client->open(QNetworkRequest(url));
+}
+
+// What the agent or Qt says may quote the request: the token in it is masked.
+QString SocketManager::masked(const QString &text) const
+{
+    return kx::maskedWithin(text, kx::urlSecret(m_urlStr));
 }
 
 void SocketManager::reconnect()
@@ -201,7 +208,7 @@ void SocketManager::finishDisconnected()
     const int code = int(m_socket->closeCode());
     markDisconnected();
     callDidDisconnect();
-    qCInfo(lcConnection).noquote().nospace() << "websocket is disconnected: " << reason << " with code: " << code;
+    qCInfo(lcConnection).noquote().nospace() << "websocket is disconnected: " << masked(reason) << " with code: " << code;
 }
 
 void SocketManager::onError(const QString &message)
@@ -213,7 +220,7 @@ void SocketManager::onError(const QString &message)
         callDidDisconnect();
         qCInfo(lcConnection).noquote() << "websocket encountered an error";
     } else {
-        qCInfo(lcConnection).noquote().nospace() << "websocket encountered an error: " << message;
+        qCInfo(lcConnection).noquote().nospace() << "websocket encountered an error: " << masked(message);
         callDidDisconnect();
     }
     callDidDisconnect();
@@ -222,9 +229,9 @@ void SocketManager::onError(const QString &message)
 void SocketManager::onTextMessage(const QString &text)
 {
     if (text.size() <= loggedTextLength)
-        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << text;
+        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << masked(text);
     else
-        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << QStringView(text).left(loggedTextLength)
+        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << masked(text.left(loggedTextLength))
                                                 << "… (" << text.size() << " characters in all)";
     if (auto *d = delegate())
         d->socketDidReceive(text);

@@ -57,6 +57,7 @@ private:
     void onError(const QString &message);
     void onTextMessage(const QString &text);
     void onBinaryMessage(const QByteArray &data);
+    QString masked(const QString &text) const;
     void markDisconnected();
     void callDidDisconnect();
 

@@ -7,6 +7,8 @@
 // optional window: how many range queries a paste keeps outstanding (1 unless given).
 struct LaunchArguments
 {
+    enum class Key { none, ip, port, token, cid, window };
+
     QString ipAdress;
     QString port;
     QString token;
@@ -14,8 +16,10 @@ struct LaunchArguments
     int window = 1;
 
     // Every argument, argument 0 included, is tested; a later one of the same key wins.
+    // The token is logged masked.
     static LaunchArguments read(const QStringList &arguments);
     void assignLaunchArgument(const QString &argument);
-    static QString valueAfterComma(const QString &argument);
+    static Key keyOf(const QString &argument);
+    static QString valueAfterComma(const QString &argument, bool secret = false);
     static int windowValue(const QString &text);
 };
