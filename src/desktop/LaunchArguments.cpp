@@ -51,8 +51,12 @@ LaunchArguments LaunchArguments::read(const QStringList &arguments)
 }
 
 // Keys are found anywhere in the argument, in this order: "token,zip9" sets the address.
+// The pin alone must begin the argument: found anywhere, a program path such as
+// /home/pinto/companion would pin a certificate nobody has, and nothing would connect.
 LaunchArguments::Key LaunchArguments::keyOf(const QString &argument)
 {
+    if (argument.startsWith(QLatin1String("pin,")))
+        return Key::pin;
     static constexpr std::pair<const char *, Key> keys[] = {{"ip", Key::ip},   {"port", Key::port}, {"token", Key::token},
                                                             {"cid", Key::cid}, {"window", Key::window}};
     for (const auto &[name, key] : keys) {
@@ -70,6 +74,7 @@ void LaunchArguments::assignLaunchArgument(const QString &argument)
     case Key::token: token = valueAfterComma(argument, true); break;
     case Key::cid: cid = valueAfterComma(argument); break;
     case Key::window: window = windowValue(valueAfterComma(argument)); break;
+    case Key::pin: pin = pinValue(valueAfterComma(argument)); break;
     case Key::none: break;
     }
 }
@@ -84,6 +89,18 @@ int LaunchArguments::windowValue(const QString &text)
     qCInfo(lcDesktop).noquote().nospace() << "window must be a number from 1 to " << ClipBoardManager::maxWindow << ", not " << text
                                           << "; queries go one at a time";
     return 1;
+}
+
+// A pin that is no fingerprint (a typing slip, "pin," with nothing after it) refuses every
+// certificate rather than none: the user asked for one agent only, and the log says why
+// nothing connects.
+CertificatePin LaunchArguments::pinValue(const QString &text)
+{
+    const CertificatePin pin(text);
+    if (!pin.isValid())
+        qCInfo(lcDesktop).noquote().nospace() << "pin must be the SHA-256 of the agent's certificate, 64 hex digits (colons allowed), not "
+                                              << text << "; no certificate will be accepted";
+    return pin;
 }
 
 QString LaunchArguments::valueAfterComma(const QString &argument, bool secret)
