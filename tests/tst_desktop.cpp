@@ -98,29 +98,63 @@ void TestDesktop::start(const QStringList &extra)
 void TestDesktop::launchArguments_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QStringList>("expected"); // ip, port, token, cid, window
+    QTest::addColumn<QStringList>("expected"); // ip, port, token, cid, window, pin
+    QTest::addColumn<QStringList>("logged");   // among the lines, exactly
 
+    const QString pin = QStringList(32, "0F").join(':');
     QTest::newRow("the four values") << QStringList{"/app", "ip,ws://192.0.2.8", "port,9000", "token,abc", "cid,7"}
-                                     << QStringList{"ws://192.0.2.8", "9000", "abc", "7", "1"};
+                                     << QStringList{"ws://192.0.2.8", "9000", "abc", "7", "1", ""}
+                                     << QStringList{"Argument 3: token,…", "逗号后面的内容为: …", "开始连接url:ws://192.0.2.8:9000/…"};
     QTest::newRow("white space trimmed, line break kept") << QStringList{"ip, 192.0.2.8\t", "cid,7 \n"}
-                                                          << QStringList{"192.0.2.8", "", "", "7 \n", "1"};
-    QTest::newRow("last comma piece wins") << QStringList{"port,80,81", "token,,x,"} << QStringList{"", "81", "x", "", "1"};
-    QTest::newRow("no comma: the argument itself") << QStringList{"ip"} << QStringList{"ip", "", "", "", "1"};
-    QTest::newRow("ip is found inside token") << QStringList{"token,zip9"} << QStringList{"zip9", "", "", "", "1"};
-    QTest::newRow("a key and commas only") << QStringList{"cid,,,", "port"} << QStringList{"", "port", "", "cid", "1"};
-    QTest::newRow("windows at the edges") << QStringList{"window,1", "window,64"} << QStringList{"", "", "", "", "64"};
-    QTest::newRow("windows out of range") << QStringList{"window,8", "window,65"} << QStringList{"", "", "", "", "1"};
+                                                          << QStringList{"192.0.2.8", "", "", "7 \n", "1", ""} << QStringList{};
+    QTest::newRow("last comma piece wins") << QStringList{"port,80,81", "token,,x,"} << QStringList{"", "81", "x", "", "1", ""}
+                                           << QStringList{"Argument 1: token,,…,"};
+    QTest::newRow("no comma: the argument itself") << QStringList{"ip"} << QStringList{"ip", "", "", "", "1", ""} << QStringList{};
+    QTest::newRow("ip is found inside token") << QStringList{"token,zip9"} << QStringList{"zip9", "", "", "", "1", ""}
+                                              << QStringList{"Argument 0: token,zip9"};
+    QTest::newRow("a key and commas only") << QStringList{"cid,,,", "port"} << QStringList{"", "port", "", "cid", "1", ""} << QStringList{};
+    QTest::newRow("windows at the edges") << QStringList{"window,1", "window,64"} << QStringList{"", "", "", "", "64", ""} << QStringList{};
+    QTest::newRow("windows out of range") << QStringList{"window,8", "window,65"} << QStringList{"", "", "", "", "1", ""} << QStringList{};
+    // The token shows its first four characters only when as many stay hidden.
+    QTest::newRow("a token masked") << QStringList{"/app", "ip,ws://192.0.2.8", "port,9000", "token,abcdefgh", "cid,7"}
+                                    << QStringList{"ws://192.0.2.8", "9000", "abcdefgh", "7", "1", ""}
+                                    << QStringList{"Argument 3: token,abcd…", "逗号后面的内容为: abcd…",
+                                                   "开始连接url:ws://192.0.2.8:9000/abcd…"};
+    QTest::newRow("a short token masked whole") << QStringList{"/app", "token, abcdefg "} << QStringList{"", "", "abcdefg", "", "1", ""}
+                                                << QStringList{"Argument 1: token, … ", "逗号后面的内容为: …", "开始连接url::/…"};
+    QTest::newRow("a pin in small letters with colons") << QStringList{"pin," + pin.toLower()} << QStringList{"", "", "", "", "1", pin}
+                                                        << QStringList{"逗号后面的内容为: " + pin.toLower()};
+    QTest::newRow("a pin in capitals, no colons") << QStringList{"pin," + QString(pin).remove(':'), "/home/pinto/app"}
+                                                  << QStringList{"", "", "", "", "1", pin} << QStringList{};
+    const QString short63 = QString(pin).remove(':').chopped(1);
+    QTest::newRow("malformed pins refuse everything") << QStringList{"pin," + short63, "pin,"} << QStringList{"", "", "", "", "1", "pin"}
+        << QStringList{"pin must be the SHA-256 of the agent's certificate, 64 hex digits (colons allowed), not " + short63
+                           + "; no certificate will be accepted",
+                       "pin must be the SHA-256 of the agent's certificate, 64 hex digits (colons allowed), not pin"
+                       "; no certificate will be accepted"};
 }
 
+// Through the window's start-up: the values reach the engine and the connection, and the
+// log shows the token masked in each of its lines.
 void TestDesktop::launchArguments()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QStringList, expected);
+    QFETCH(QStringList, logged);
     LogCapture log;
-    const LaunchArguments values = LaunchArguments::read(arguments);
-    QCOMPARE((QStringList{values.ipAdress, values.port, values.token, values.cid, QString::number(values.window)}), expected);
+    controller = std::make_unique<ViewController>(*platform, EngineContext{sink, files, *platform->pasteboard}, "host-app");
+    controller->viewDidLoad(arguments);
+    const ViewController &values = *controller;
+    QCOMPARE((QStringList{values.ipAdress(), values.port(), values.token(), values.cid(), QString::number(values.window()),
+                          sink.pin.expected()}),
+             expected);
+    QVERIFY(values.pin().isSet() == !expected.last().isEmpty());
     QCOMPARE(log.lines().first(), QStringLiteral("Number of arguments: %1").arg(arguments.size()));
+    for (const QString &line : logged)
+        QVERIFY2(log.contains(line), qPrintable(line + "\n is not among\n" + log.lines().join('\n')));
     QVERIFY(log.contains(kx::escapedName("Argument 0: " + arguments.first()))); // a line break never splits a line
+    for (const QString &line : log.lines())
+        QVERIFY2(values.token().size() < 2 || !line.contains(values.token()), qPrintable(line));
     QCOMPARE(LaunchArguments::valueAfterComma(",,,") + LaunchArguments::valueAfterComma(""), QString());
     QCOMPARE(log.count("未找到逗号后面的内容"), 2);
 }

@@ -7,6 +7,8 @@
 #include "TestCertificate.h"
 
 #include <QElapsedTimer>
+#include <QScopeGuard>
+#include <QSslConfiguration>
 #include <QTcpServer>
 #include <QTimer>
 #include <QWebSocket>
@@ -96,7 +98,7 @@ void TestIntegration::connectionLife()
 
     TestAgent agent;
     LogCapture log;
-    manager.connect(agent.ip() + ":" + agent.port() + "/tok");
+    manager.connect(agent.ip() + ":" + agent.port() + "/secret-token");
     QTRY_COMPARE(delegate.connects, 1);
     QVERIFY(!written && manager.isConnected() && log.contains("websocket is connected: [:]"));
     for (QAbstractSocket *transport : manager.socket()->findChildren<QAbstractSocket *>()) // each query waits for its answer
@@ -118,17 +120,18 @@ void TestIntegration::connectionLife()
     QVERIFY(delegate.data == QList<QByteArray>{big});
     QVERIFY(log.contains("websocket is Received text: " + QString(4096, 'x') + "… (5000 characters in all)"));
 
-    // A close, logged with its reason and code; the reconnection two seconds later, one
-    // only however often it is asked for.
-    agent.closeGracefully("bye");
-    QTRY_VERIFY(log.contains("websocket is disconnected: bye with code: 1000"));
+    // A close, logged with its reason and code (the token masked, should the agent quote
+    // it); the reconnection two seconds later, one only however often it is asked for,
+    // its URL masked too.
+    agent.closeGracefully("bye secret-token");
+    QTRY_VERIFY(log.contains("websocket is disconnected: bye secr… with code: 1000"));
     QElapsedTimer clock;
     clock.start();
     manager.reconnect();
     QCOMPARE(log.count("重连中无需再次重连"), 1);
     QTRY_COMPARE_WITH_TIMEOUT(delegate.connects, 2, 10000);
     QVERIFY2(clock.elapsed() > 1800, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(log.count("再次重连self.urlStr:" + agent.ip() + ":" + agent.port() + "/tok"), 1);
+    QCOMPARE(log.count("再次重连self.urlStr:" + agent.ip() + ":" + agent.port() + "/secr…"), 1);
 }
 
 void TestIntegration::errorsAndReplacedClients()
@@ -171,30 +174,79 @@ void TestIntegration::errorsAndReplacedClients()
     QTRY_VERIFY(log.contains("websocket encountered an error: The connection timed out") && !manager.isConnected());
     QTcpSocket *peer = silent.nextPendingConnection(); // and the attempt is closed, not left hanging
     QTRY_VERIFY(peer && peer->state() == QAbstractSocket::UnconnectedState);
+    QTcpServer quoting; // refuses the upgrade in words that quote the path: Qt's error shows the token masked
+    QVERIFY(quoting.listen(QHostAddress::LocalHost));
+    QObject::connect(&quoting, &QTcpServer::newConnection, [&] {
+        quoting.nextPendingConnection()->write("HTTP/1.1 403 No entry for /secret-token\r\n\r\n");
+    });
+    log.clear();
+    manager.connect("ws://127.0.0.1:" + QString::number(quoting.serverPort()) + "/secret-token");
+    QTRY_VERIFY(log.containsPrefix("websocket encountered an error: "));
+    const QString error = log.lines().filter("websocket encountered an error: ").first();
+    QVERIFY2(error.contains("No entry for /secr…") && !error.contains("secret-token"), qPrintable(error));
 }
 
 // An agent's certificate is its own, and its clock may not be ours: every fault is
-// accepted, and named once in the log.
+// accepted, and named once in the log. A pin accepts its one certificate, faults and all,
+// and refuses any other before the request, token and all, leaves: also one that an
+// authority we trust vouches for, which raises no fault to be looked at.
 void TestIntegration::certificates_data()
 {
     QTest::addColumn<CertificateFault>("fault");
-    QTest::addColumn<QString>("named");
-    QTest::newRow("self-signed") << CertificateFault::selfSigned << "self-signed";
-    QTest::newRow("expired") << CertificateFault::expired << "expired";
-    QTest::newRow("not yet valid") << CertificateFault::notYetValid << "not yet valid";
+    QTest::addColumn<QString>("pin");      // "own": the certificate's fingerprint as openssl prints it
+    QTest::addColumn<QString>("named");    // in the one line that accepts it; empty: no such line
+    QTest::addColumn<QString>("expected"); // refused: the pin as the refusal names it
+    const QString other = QString("ab").repeated(32);
+    const QString otherShown = QStringList(32, "AB").join(':');
+    QTest::newRow("self-signed") << CertificateFault::selfSigned << "" << "self-signed" << "";
+    QTest::newRow("expired") << CertificateFault::expired << "" << "expired" << "";
+    QTest::newRow("not yet valid") << CertificateFault::notYetValid << "" << "not yet valid" << "";
+    QTest::newRow("from a trusted authority") << CertificateFault::none << "" << "" << "";
+    QTest::newRow("pinned, self-signed") << CertificateFault::selfSigned << "own" << "self-signed" << "";
+    QTest::newRow("pinned, expired") << CertificateFault::expired << "own" << "expired" << "";
+    QTest::newRow("another pinned, self-signed") << CertificateFault::selfSigned << other << "" << otherShown;
+    QTest::newRow("another pinned, from a trusted authority") << CertificateFault::none << other << "" << otherShown;
+    QTest::newRow("a malformed pin") << CertificateFault::selfSigned << "AB:CD" << "" << "AB:CD";
 }
 
 void TestIntegration::certificates()
 {
     QFETCH(CertificateFault, fault);
+    QFETCH(QString, pin);
     QFETCH(QString, named);
+    QFETCH(QString, expected);
     const auto tls = makeCertificate(fault);
     QVERIFY2(tls, "openssl could not make the certificate");
+    const QSslConfiguration before = QSslConfiguration::defaultConfiguration();
+    const auto restore = qScopeGuard([&] { QSslConfiguration::setDefaultConfiguration(before); });
+    if (!tls->authority.isNull()) {
+        QSslConfiguration trusting = before;
+        trusting.addCaCertificate(tls->authority);
+        QSslConfiguration::setDefaultConfiguration(trusting);
+    }
     LogCapture log;
-    EngineHarness h(1, EngineHarness::Link::wss, tls);
+    EngineHarness h(1, EngineHarness::Link::wss, tls,
+                    pin.isEmpty() ? CertificatePin() : CertificatePin(pin == "own" ? tls->fingerprint : pin));
+    for (QTimer *timer : h.socket->findChildren<QTimer *>(Qt::FindDirectChildrenOnly)) // the two seconds before a reconnection, shortened
+        timer->setInterval(timer->interval() == SocketManager::reconnectDelayMs ? 50 : timer->interval());
+    if (!expected.isEmpty()) {
+        // Refused, and again at the retry; the agent never saw a request, let alone a frame.
+        const QString refusal = "refusing the agent's certificate: its SHA-256 fingerprint is " + tls->fingerprint
+            + ", the pin is " + expected;
+        const QString failure = "websocket encountered an error: the agent's certificate is not the pinned one";
+        QTRY_VERIFY_WITH_TIMEOUT(log.count(refusal) >= 2 && log.count(failure) >= 2, 15000);
+        QVERIFY(h.agent->connections() == 0 && h.agent->frames.isEmpty() && !h.socket->isConnected());
+        QVERIFY(log.lines().filter("accepting the agent's certificate").isEmpty());
+        return;
+    }
     QCOMPARE(h.nextFrame(15000), hex("00"));
     const QStringList accepted = log.lines().filter("accepting the agent's certificate despite:");
-    QVERIFY2(accepted.size() == 1 && accepted.first().contains(named), qPrintable(accepted.join('\n')));
+    if (named.isEmpty())
+        QVERIFY2(accepted.isEmpty(), qPrintable(accepted.join('\n')));
+    else
+        QVERIFY2(accepted.size() == 1 && accepted.first().contains(named), qPrintable(accepted.join('\n')));
+    QVERIFY(log.lines().filter("refusing").isEmpty());
+    QVERIFY(pasteWorks(h));
 }
 
 // One row per attack. Each states what the chosen folder holds afterwards (a link to the

@@ -55,10 +55,20 @@ copy_files() {
 }
 
 # start_app: the companion, connected to the agent; KX_APP_ARGS are added (window,N).
+# Once it has read its arguments, neither ps nor its log shows the token.
 start_app() {
+  local token=e2e-secret-token app shown
   # shellcheck disable=SC2086
-  "$bin/src/app/kx-clipboard" "ip,ws://127.0.0.1" "port,$port" "token,e2e" "cid,1" ${KX_APP_ARGS:-} > "$work/app.log" 2>&1 & pids+=($!)
+  "$bin/src/app/kx-clipboard" "ip,ws://127.0.0.1" "port,$port" "token,$token" "cid,1" ${KX_APP_ARGS:-} > "$work/app.log" 2>&1 &
+  app=$! pids+=($!)
   wait_for 15 "$work/app.log" "send clienType success" || fail "the companion did not connect"
+  shown=$(tr -s '\0' ' ' < "/proc/$app/cmdline")
+  case $shown in
+    *"$token"*) fail "ps shows the token: $shown" ;;
+    "$bin/src/app/kx-clipboard ip, port, token, cid,"*) ;;
+    *) fail "ps shows neither the program nor the keys: $shown" ;;
+  esac
+  ! grep -qF -- "$token" "$work/app.log" || fail "the log shows the token: $(grep -F -- "$token" "$work/app.log")"
 }
 
 # focus_window TITLE-REGEX: the first visible window of that title, focused; its id.

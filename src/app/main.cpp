@@ -2,9 +2,12 @@
 #include "FrameAllocator.h"
 #include "LinuxPlatform.h"
 #include "LogOutput.h"
+#include "ProcessArguments.h"
 #include "ViewController.h"
 
 #include <QApplication>
+
+#include <vector>
 
 int main(int argc, char *argv[])
 {
@@ -16,6 +19,8 @@ int main(int argc, char *argv[])
     const DesktopSession session = DesktopSession::detect();
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", session.qtPlatform());
+    // Qt takes its own options out of argv; every launch value is blanked, whatever it became.
+    const std::vector<char *> launchArguments(argv, argv + argc);
     QApplication app(argc, argv);
     qCInfo(lcDesktop).noquote() << session.summary();
     // A background agent: closing the progress window, the chooser or an alert must
@@ -26,6 +31,9 @@ int main(int argc, char *argv[])
     installQtFolderChooser();
     ViewController window(platform, EngineContext::shared(*platform.pasteboard), QStringLiteral(KX_HOST_APP_ID));
     window.show();
-    window.viewDidLoad(app.arguments());
+    // A copy: on Linux arguments() reads the strings that are blanked next.
+    const QStringList arguments = app.arguments();
+    kx::blankArgumentValues(launchArguments);
+    window.viewDidLoad(arguments);
     return app.exec();
 }

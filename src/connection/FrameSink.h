@@ -5,6 +5,7 @@
 
 #include <functional>
 
+class CertificatePin;
 class SocketManagerDelegate;
 
 // What the session engine needs of its connection to the remote agent. The socket
@@ -16,6 +17,8 @@ public:
     virtual ~FrameSink() = default;
 
     virtual void connect(const QString &urlStr) = 0;
+    // Holds for every connection made after it; a connection without TLS has nothing to check.
+    virtual void setCertificatePin(const CertificatePin &pin) = 0;
     virtual void reconnect() = 0;
     // The delegate must be a QObject as well, so that a destroyed delegate is never called.
     virtual void setDelegate(SocketManagerDelegate *delegate) = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CertificatePin.h"
 #include "FrameSink.h"
 
 #include <QList>
@@ -16,6 +17,7 @@ class LoopbackFrameSink : public FrameSink
 public:
     void connect(const QString &urlStr) override;
     void reconnect() override { ++reconnects; }
+    void setCertificatePin(const CertificatePin &given) override { pin = given; }
     void setDelegate(SocketManagerDelegate *delegate) override;
     SocketManagerDelegate *delegate() const override;
     bool isConnected() const override { return connected; }
@@ -30,6 +32,7 @@ public:
     void drain(qint64 bytes);             // the peer reads this many of the queued bytes
 
     QString urlStr;
+    CertificatePin pin;
     bool connected = false;
     int reconnects = 0;
     int drops = 0;

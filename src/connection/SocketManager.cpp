@@ -1,8 +1,11 @@
 #include "SocketManager.h"
 
 #include "ConnectionLog.h"
+#include "SecretMask.h"
 
 #include <QAbstractSocket>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslError>
 #include <QSslSocket>
 #include <QTimer>
@@ -29,7 +32,7 @@ SocketManager::SocketManager(QObject *parent)
     m_reconnectTimer->setSingleShot(true);
     m_reconnectTimer->setInterval(reconnectDelayMs);
     QObject::connect(m_reconnectTimer, &QTimer::timeout, this, [this] {
-        qCInfo(lcConnection).noquote().nospace() << "再次重连self.urlStr:" << m_urlStr;
+        qCInfo(lcConnection).noquote().nospace() << "再次重连self.urlStr:" << kx::maskedUrl(m_urlStr);
         connect(m_urlStr);
     });
 }
@@ -78,17 +81,32 @@ void SocketManager::connect(const QString &urlStr)
     dropSocket();
     m_socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
     m_ended = false;
+    m_refusedByPin = false;
     QWebSocket *client = m_socket;
     QObject::connect(client, &QWebSocket::connected, this, &SocketManager::onConnected);
     QObject::connect(client, &QWebSocket::disconnected, this, &SocketManager::onDisconnected);
     QObject::connect(client, &QWebSocket::textMessageReceived, this, &SocketManager::onTextMessage);
     QObject::connect(client, &QWebSocket::binaryMessageReceived, this, &SocketManager::onBinaryMessage);
     QObject::connect(client, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), this,
-                     [this, client](QAbstractSocket::SocketError) { onError(client->errorString()); });
+                     [this, client](QAbstractSocket::SocketError) {
+                         // Qt would blame the authorities the pin set aside.
+                         onError(m_refusedByPin ? QStringLiteral("the agent's certificate is not the pinned one") : client->errorString());
+                     });
+    if (m_pin.isSet()) {
+        // Trusting no authority at all makes every certificate reach the pin below, also one
+        // an authority of this system vouches for: the pin alone decides, during the TLS
+        // handshake, before the request with the token in it is sent.
+        QSslConfiguration tls = client->sslConfiguration();
+        tls.setCaCertificates({});
+        client->setSslConfiguration(tls);
+    }
     // The agent's certificate is of its own making and its clock may differ from ours:
     // whatever is wrong with it is accepted, and said once. The token guards the
-    // connection, never the certificate.
-    QObject::connect(client, &QWebSocket::sslErrors, this, [client](const QList<QSslError> &errors) {
+    // connection; a pin, when given, narrows it to one certificate.
+    QObject::connect(client, &QWebSocket::sslErrors, this, [this, client](const QList<QSslError> &errors) {
+        m_refusedByPin = refusedByPin(client->findChild<QSslSocket *>());
+        if (m_refusedByPin)
+            return; // not ignored: the handshake fails, and the connection with it
         QStringList faults;
         for (const QSslError &error : errors)
             faults.append(error.errorString());
@@ -102,6 +120,22 @@ void SocketManager::connect(const QString &urlStr)
     m_websoketStatus = WebsoketStatus::connecting;
     m_connectTimer->start();
     client->open(QNetworkRequest(url));
+}
+
+bool SocketManager::refusedByPin(QSslSocket *tls) const
+{
+    const QSslCertificate presented = tls ? tls->peerCertificate() : QSslCertificate();
+    if (!m_pin.isSet() || m_pin.matches(presented))
+        return false;
+    qCInfo(lcConnection).noquote().nospace() << "refusing the agent's certificate: its SHA-256 fingerprint is "
+                                            << CertificatePin::fingerprint(presented) << ", the pin is " << m_pin.expected();
+    return true;
+}
+
+// What the agent or Qt says may quote the request: the token in it is masked.
+QString SocketManager::masked(const QString &text) const
+{
+    return kx::maskedWithin(text, kx::urlSecret(m_urlStr));
 }
 
 void SocketManager::reconnect()
@@ -151,6 +185,14 @@ void SocketManager::onConnected()
 {
     m_connectTimer->stop();
     m_tls = m_socket ? m_socket->findChild<QSslSocket *>() : nullptr;
+    // A certificate that raised no fault never met the pin: it meets it here, before
+    // anything is sent on the connection.
+    if (m_tls && refusedByPin(m_tls)) {
+        dropSocket();
+        markDisconnected();
+        callDidDisconnect();
+        return;
+    }
     if (m_tls)
         QObject::connect(m_tls, &QSslSocket::encryptedBytesWritten, this, &SocketManager::onDrained);
     // Queries are small and each waits for its answer: Nagle's algorithm against the
@@ -201,7 +243,7 @@ void SocketManager::finishDisconnected()
     const int code = int(m_socket->closeCode());
     markDisconnected();
     callDidDisconnect();
-    qCInfo(lcConnection).noquote().nospace() << "websocket is disconnected: " << reason << " with code: " << code;
+    qCInfo(lcConnection).noquote().nospace() << "websocket is disconnected: " << masked(reason) << " with code: " << code;
 }
 
 void SocketManager::onError(const QString &message)
@@ -213,7 +255,7 @@ void SocketManager::onError(const QString &message)
         callDidDisconnect();
         qCInfo(lcConnection).noquote() << "websocket encountered an error";
     } else {
-        qCInfo(lcConnection).noquote().nospace() << "websocket encountered an error: " << message;
+        qCInfo(lcConnection).noquote().nospace() << "websocket encountered an error: " << masked(message);
         callDidDisconnect();
     }
     callDidDisconnect();
@@ -222,9 +264,9 @@ void SocketManager::onError(const QString &message)
 void SocketManager::onTextMessage(const QString &text)
 {
     if (text.size() <= loggedTextLength)
-        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << text;
+        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << masked(text);
     else
-        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << QStringView(text).left(loggedTextLength)
+        qCInfo(lcConnection).noquote().nospace() << "websocket is Received text: " << masked(text.left(loggedTextLength))
                                                 << "… (" << text.size() << " characters in all)";
     if (auto *d = delegate())
         d->socketDidReceive(text);

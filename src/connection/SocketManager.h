@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CertificatePin.h"
 #include "FrameSink.h"
 #include "SocketManagerDelegate.h"
 #include "WebsoketStatus.h"
@@ -35,6 +36,7 @@ public:
 
     void connect(const QString &urlStr) override;
     void reconnect() override;
+    void setCertificatePin(const CertificatePin &pin) override { m_pin = pin; }
 
     bool isConnected() const override { return m_isConnected; }
     WebsoketStatus websoketStatus() const { return m_websoketStatus; }
@@ -57,6 +59,8 @@ private:
     void onError(const QString &message);
     void onTextMessage(const QString &text);
     void onBinaryMessage(const QByteArray &data);
+    bool refusedByPin(QSslSocket *tls) const;
+    QString masked(const QString &text) const;
     void markDisconnected();
     void callDidDisconnect();
 
@@ -70,6 +74,8 @@ private:
     SocketManagerDelegate *m_delegate = nullptr;
     QPointer<QObject> m_delegateGuard;
     QString m_urlStr;
+    CertificatePin m_pin;
+    bool m_refusedByPin = false; // the current attempt's certificate was not the pinned one
     // Qt reports one loss as an error and then a disconnect; only the first ends the connection.
     bool m_ended = false;
 };

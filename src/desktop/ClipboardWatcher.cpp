@@ -1,6 +1,7 @@
 #include "ClipboardWatcher.h"
 
 #include "DesktopLog.h"
+#include "FrameSink.h"
 #include "LogText.h"
 
 #include <QTimer>
@@ -24,8 +25,9 @@ ClipboardWatcher::~ClipboardWatcher()
 
 void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &port, const QString &token,
                                      const QString &cid, ProgressCallback progress, CompletionCallback completion,
-                                     int window)
+                                     int window, const CertificatePin &pin)
 {
+    m_engineContext.connection.setCertificatePin(pin); // before the engine connects
     m_clipManager = std::make_unique<ClipBoardManager>(ipAdress, port, token, cid, m_engineContext, window);
     m_progress = std::move(progress);
     m_completion = std::move(completion);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CertificatePin.h"
 #include "ClipBoardError.h"
 #include "ClipBoardManager.h"
 #include "Platform.h"
@@ -27,7 +28,8 @@ public:
     ~ClipboardWatcher() override;
 
     void startWatching(const QString &ipAdress, const QString &port, const QString &token, const QString &cid,
-                       ProgressCallback progress, CompletionCallback completion, int window = 1);
+                       ProgressCallback progress, CompletionCallback completion, int window = 1,
+                       const CertificatePin &pin = {});
     void stopWatching();
 
     void checkPasteboard();

@@ -48,12 +48,13 @@ void ViewController::viewDidLoad(const QStringList &arguments)
     m_token = values.token;
     m_cid = values.cid;
     m_window = values.window;
+    m_pin = values.pin;
     resetProgressControls();
     QPointer<ViewController> self(this);
     m_watcher->startWatching(
         m_ipAdress, m_port, m_token, m_cid, [self](double progress) { if (self) self->handlePasteProgress(progress); },
         [self](bool success, ClipBoardError error) { if (self) self->handlePasteFinished(success, error); },
-        m_window);
+        m_window, m_pin);
 }
 
 void ViewController::resetProgressControls()

@@ -41,6 +41,7 @@ public:
     const QString &token() const { return m_token; }
     const QString &cid() const { return m_cid; }
     int window() const { return m_window; }
+    const CertificatePin &pin() const { return m_pin; }
 
 private:
     void resetProgressControls();
@@ -60,4 +61,5 @@ private:
     QString m_token;
     QString m_cid;
     int m_window = 1;
+    CertificatePin m_pin;
 };

@@ -40,7 +40,7 @@ ClipBoardManager::ClipBoardManager(const QString &ip, const QString &port, const
 {
     Q_UNUSED(cid); // accepted with the other launch values; the agent does not ask for it
     m_urlText = ip + QLatin1Char(':') + port + QLatin1Char('/') + token;
-    qCInfo(lcEngine).noquote().nospace() << "开始连接url:" << m_urlText;
+    qCInfo(lcEngine).noquote().nospace() << "开始连接url:" << ip << ':' << port << '/' << kx::maskedSecret(token);
     m_context.connection.connect(m_urlText);
     m_context.connection.setDelegate(this);
     m_pasteStatus = PasteStatus::start;

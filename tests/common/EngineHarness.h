@@ -84,7 +84,8 @@ class EngineHarness
 public:
     enum class Link { loopback, ws, wss };
 
-    explicit EngineHarness(int window = 1, Link link = Link::loopback, std::optional<TestAgent::Tls> tls = {})
+    explicit EngineHarness(int window = 1, Link link = Link::loopback, std::optional<TestAgent::Tls> tls = {},
+                           const CertificatePin &pin = {})
     {
         dest = root.filePath(QStringLiteral("inner/dest"));
         QDir().mkpath(dest);
@@ -103,6 +104,7 @@ public:
         }
         agent = std::make_unique<TestAgent>(link == Link::wss ? tls : std::nullopt);
         socket = std::make_unique<SocketManager>();
+        socket->setCertificatePin(pin);
         engine = std::make_unique<ClipBoardManager>(agent->ip(), agent->port(), QStringLiteral("tok"),
                                                     QStringLiteral("7"), EngineContext{*socket, files, pasteboard},
                                                     window);

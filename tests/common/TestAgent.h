@@ -25,6 +25,8 @@ public:
     {
         QSslCertificate certificate;
         QSslKey key;
+        QString fingerprint;       // SHA-256, AB:CD:…, as openssl prints it
+        QSslCertificate authority; // the issuer, where it is not the certificate itself
     };
     explicit TestAgent(std::optional<Tls> tls = std::nullopt)
         : m_secure(tls.has_value())
