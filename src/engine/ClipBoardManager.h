@@ -99,15 +99,6 @@ public:
 private:
     friend class PasteSession;
 
-// A paste between Ctrl+V and the chosen folder: its callbacks, and the list once it came.
-struct PendingPaste
-{
-    std::function<void(double)> progress;
-    std::function<void(bool, PastedError)> completion;
-    bool choosing = false; // the list came; the folder chooser is open
-    DescriptorList list;
-};
-
     void send(const google::protobuf::MessageLite &message, FrameType type, const char *completionText);
 
     void setFormList(std::optional<FileSDK::CliprdrFormatList> list);
