@@ -28,7 +28,7 @@ int main(int argc, char *argv[])
     app.setQuitOnLastWindowClosed(false);
 
     Platform platform = makeLinuxPlatform(session);
-    installQtFolderChooser();
+    installQtFileDialogs();
     ViewController window(platform, EngineContext::shared(*platform.pasteboard), QStringLiteral(KX_HOST_APP_ID));
     window.show();
     // A copy: on Linux arguments() reads the strings that are blanked next.

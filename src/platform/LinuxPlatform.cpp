@@ -5,6 +5,7 @@
 #include "linux/LinuxSystemServices.h"
 #include "linux/NotificationTrigger.h"
 #include "qt/QtAlerts.h"
+#include "qt/QtConflictAsker.h"
 #include "qt/QtFolderChooser.h"
 #include "qt/QtPasteboard.h"
 #include "qt/TrayTrigger.h"
@@ -30,7 +31,8 @@ Platform makeLinuxPlatform(const DesktopSession &session)
     return platform;
 }
 
-void installQtFolderChooser()
+void installQtFileDialogs()
 {
     KXFileManager::shared()->setFolderChooser(std::make_unique<QtFolderChooser>());
+    KXFileManager::shared()->setConflictAsker(std::make_unique<QtConflictAsker>());
 }

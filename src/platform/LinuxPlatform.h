@@ -7,4 +7,4 @@
 // the ways to paste without keys where the session has them.
 Platform makeLinuxPlatform(const DesktopSession &session = DesktopSession::detect());
 // Hands the Qt folder dialog to the file manager.
-void installQtFolderChooser();
+void installQtFileDialogs();
