@@ -281,7 +281,7 @@ void TestPaste::conflicts_data()
         QTest::addRow("%s, %d", holds, int(answer)) << QString(holds) << int(answer) << tree;
     };
     using C = ConflictChoice;
-    add("nothing", C::cancel, {"b.txt 5", "docs/", "docs/a.txt 5"}); // nothing to ask
+    add("nothing", C::cancel, {"b.txt 5", "docs/", "docs/a.txt 5"}); // nothing to ask; what a crash left goes
     add("a file", C::keepBoth, {"b (2).txt 5", "b.txt 4", "docs/", "docs/a.txt 5"});
     add("a file", C::replace, {"b.txt 5", "docs/", "docs/a.txt 5"});
     add("a file", C::skip, {"b.txt 4", "docs/", "docs/a.txt 5"});
@@ -313,6 +313,8 @@ void TestPaste::conflicts()
         QVERIFY(writeFile(h.dest + "/docs", "mine"));
     else if (holds == "a link")
         QVERIFY(QFile::link(outside, h.dest + "/b.txt"));
+    else // left by a companion that is gone: no process has that id
+        QVERIFY(writeFile(h.dest + "/.kx-clipboard-partial-2147483646-1f", "half"));
     h.conflicts->answer = ConflictChoice(answer);
     QVERIFY(h.pasteOf({descriptor("docs", 0, 0x10), descriptor("docs\\a.txt", 5), descriptor("b.txt", 5)}));
     const bool cancelled = answer == int(ConflictChoice::cancel) && holds != "nothing";
