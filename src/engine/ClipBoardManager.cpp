@@ -88,6 +88,7 @@ void ClipBoardManager::socketDidDisconnect()
     endRunningPaste(PastedError::websoketDisconnect);
     setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
+    m_staleStreams.clear(); // nothing of the old connection comes any more
     m_context.connection.reconnect();
     m_copy.connectionLost();
 }
@@ -254,9 +255,16 @@ void ClipBoardManager::startDownload(const QUrl &url)
 
 void ClipBoardManager::handleContentResponse(const QByteArray &payload)
 {
-    if (!pasteRunning())
+    if (!pasteRunning() && m_staleStreams.empty())
         return;
     const auto reply = kx::parseMessage<FileSDK::CliprdrFileContentsResponse>(payload);
+    if (reply && m_staleStreams.erase(reply->streamid())) {
+        qCInfo(lcEngine).noquote().nospace() << "ignored a late reply of stream " << reply->streamid()
+                                             << ", from a paste that has ended";
+        return;
+    }
+    if (!pasteRunning())
+        return;
     if (!reply) {
         qCInfo(lcEngine).noquote() << "a file contents reply could not be decoded; the paste ends";
         endRunningPaste(PastedError::unKonwnError);

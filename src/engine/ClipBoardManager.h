@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 
 class PasteSession;
 
@@ -125,6 +126,9 @@ private:
     // The running or last download: its files, queries and per-file state.
     std::unique_ptr<PasteSession> m_paste;
     int m_replyTimeoutMs = defaultReplyTimeoutMs;
+    // Queries of ended pastes whose replies may still come: their ids are not reused, and
+    // their replies are dropped, until they come or the connection goes.
+    std::set<std::uint32_t> m_staleStreams;
     QTimer *m_listTimer = nullptr; // the list asked for must come within the time-out
 
     CopyServer m_copy;

@@ -333,6 +333,8 @@ void PasteSession::end(bool success, PastedError error)
     if (!success && completion)
         completion(false, error);
     m_active.clear(); // closes the files
+    for (const auto &[streamId, query] : m_outstanding)
+        m_engine.m_staleStreams.insert(streamId);
     m_outstanding.clear();
     m_originFileDescriptorwList.clear();
     std::vector<std::uint32_t>().swap(m_files);
@@ -556,14 +558,22 @@ void PasteSession::replyTimedOut()
     end(false, PastedError::websoketDisconnect);
 }
 
+// Stream ids whose replies may still come for an ended paste are never reused: such a
+// late reply would otherwise be taken, and written, as this paste's.
 std::uint32_t PasteSession::nextStreamId()
 {
-    while (m_outstanding.count(m_streamCounter))
+    while (m_outstanding.count(m_streamCounter) || m_engine.m_staleStreams.count(m_streamCounter))
         ++m_streamCounter;
     return m_streamCounter++;
 }
 
 std::uint32_t PasteSession::makeStreamId()
 {
-    return QRandomGenerator::global()->bounded(10u);
+    std::vector<std::uint32_t> free;
+    for (std::uint32_t id = 0; id < 10; ++id) {
+        if (!m_engine.m_staleStreams.count(id))
+            free.push_back(id);
+    }
+    return free.empty() ? QRandomGenerator::global()->bounded(10u)
+                        : free[QRandomGenerator::global()->bounded(std::uint32_t(free.size()))];
 }

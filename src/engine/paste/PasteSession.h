@@ -116,7 +116,7 @@ private:
     void watchReplies();
     void replyTimedOut();
     std::uint32_t nextStreamId();
-    static std::uint32_t makeStreamId();
+    std::uint32_t makeStreamId();
 
     ClipBoardManager &m_engine;
     const int m_window;
