@@ -215,7 +215,8 @@ void AgentSimulator::onFrame(const QByteArray &frame)
         break;
     case FrameType::formatList:
         say(QStringLiteral("the companion announced a local copy"));
-        startFetch();
+        if (!attackOnLocalCopy())
+            startFetch();
         break;
     case FrameType::formatDataResponse:
         if (auto list = kx::parseMessage<FileSDK::MacCliprdrFormatDataResponse>(received->payload))
@@ -233,6 +234,8 @@ void AgentSimulator::onFrame(const QByteArray &frame)
 void AgentSimulator::answerDescriptorRequest(const FileSDK::CliprdrFormatDataRequest &request)
 {
     say(QStringLiteral("descriptor list asked for (format %1)").arg(request.requestedformatid()));
+    if (attackOnDescriptorRequest())
+        return;
     FileSDK::MacCliprdrFormatDataResponse response;
     *response.mutable_header() = kx::answerHeader();
     for (const Entry &entry : std::as_const(m_offer))

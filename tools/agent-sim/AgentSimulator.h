@@ -74,11 +74,16 @@ private:
     void onContents(const FileSDK::CliprdrFileContentsResponse &response);
     void askRange();
     void say(const QString &line);
-    // Hostile moves, for trying the companion as an attacker would; true when taken.
+    // Hostile moves, for trying the companion as an attacker would; true when taken in
+    // place of the usual answer.
+    bool playing(const char *attack) const { return m_options.attack == QLatin1String(attack); }
     void attackOnConnect();
+    bool attackOnDescriptorRequest();
+    bool attackOnLocalCopy();
     bool attackOnDescriptorList(const FileSDK::MacCliprdrFormatDataResponse &list);
     bool attackOnContents(const FileSDK::CliprdrFileContentsRequest &request);
     void streamFrame(bool text, quint64 length);
+    void repeatFormatList(int times, int intervalMs);
 
     Options m_options;
     QWebSocketServer *m_server = nullptr;
@@ -98,4 +103,5 @@ private:
     QElapsedTimer m_fetchClock;
     bool m_fetching = false;
     QList<QByteArray> m_held; // answers of this turn, when they go out in reverse
+    int m_attackCount = 0;    // what an attack counts: answers given, lists received
 };
