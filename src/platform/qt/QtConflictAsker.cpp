@@ -1,5 +1,7 @@
 #include "QtConflictAsker.h"
 
+#include "PasteTarget.h"
+
 #include <QDir>
 #include <QMessageBox>
 #include <QPushButton>
@@ -15,11 +17,13 @@ ConflictChoice QtConflictAsker::ask(const ConflictSummary &summary)
     box.setText(QObject::tr("%n of the pasted items already exist in “%1”:", nullptr, int(summary.count))
                     .arg(QDir(summary.folder).dirName())
                 + QStringLiteral("\n\n") + shown.join(QLatin1Char('\n')));
+    const QString example = kx::numberedName(summary.firstNames.value(0, QStringLiteral("report.pdf")).section(QLatin1Char('/'), -1), 2);
     box.setInformativeText(
-        QObject::tr("Keep both: the pasted item gets a new name, such as “report (2).pdf”.\n"
+        QObject::tr("Keep both: the pasted item gets a new name, such as “%1”.\n"
                     "Replace: the pasted file takes the place of yours.\n"
                     "Skip: yours stays as it is, and the pasted one is left out.\n"
-                    "Folders are never replaced: the pasted ones are merged into yours."));
+                    "Folders are never replaced: the pasted ones are merged into yours.")
+            .arg(example));
     QPushButton *keepBoth = box.addButton(QObject::tr("Keep both"), QMessageBox::AcceptRole);
     QPushButton *replace = box.addButton(QObject::tr("Replace"), QMessageBox::DestructiveRole);
     QPushButton *skip = box.addButton(QObject::tr("Skip"), QMessageBox::ActionRole);
