@@ -5,6 +5,7 @@
 #include "FrameHandler.h"
 #include "LogCapture.h"
 #include "LogText.h"
+#include "SecretMask.h"
 #include "Messages.h"
 #include "Support.h"
 
@@ -117,6 +118,8 @@ void TestProtocol::logTexts()
              {0.8738133333333333, "0.8738133333333333"}, {1.0, "1.0"}, {0.25, "0.25"}, {0.0001, "0.0001"},
              {1.5e-05, "1.5e-05"}, {123456789.0, "123456789.0"}, {1e16, "1e+16"}})
         QCOMPARE(kx::decimalText(number), text);
+    QCOMPARE(kx::maskedWithin("Maximum framesize exceeded: x", "x"), "Maximum framesize exceeded: …");
+    QCOMPARE(kx::maskedWithin("GET /abcdefgh1 HTTP/1.1", "abcdefgh1"), "GET /abcd… HTTP/1.1");
     QCOMPARE(kx::escapedName(QStringLiteral("d\\a\n\t\r\x1b[31m 日本 ü") + QChar(0x2028)), "d\\a\\n\\t\\r\\x1b[31m 日本 ü\\x2028");
 }
 

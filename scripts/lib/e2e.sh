@@ -100,6 +100,14 @@ paste_into() {
   xdotool key Return
 }
 
+# keep_both_if_asked: when names of the paste are taken, the question answered with its
+# default, Keep both; nothing when the paste starts, or ends, without asking.
+keep_both_if_asked() {
+  wait_for 20 "$work/app.log" "of the pasted names are taken in\|^Progress: \|所有文件粘贴成功\|eror:" || return 0
+  grep -q "of the pasted names are taken in" "$work/app.log" || return 0
+  focus_window "Names already taken" > /dev/null && xdotool key Return
+}
+
 # confirm_alert: the end-of-paste alert, answered.
 confirm_alert() {
   focus_window "^KXClipboard$" > /dev/null && xdotool key Return

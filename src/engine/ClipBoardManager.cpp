@@ -84,8 +84,8 @@ void ClipBoardManager::socketDidDisconnect()
     // Only a paste that runs hears of it: with nothing asked for, a lost connection is
     // no error of the user's. The transfer dies with the connection, so a stray reply
     // that comes later finds no file of it to write or to end.
-    endPendingPaste(PastedError::websoketDisconnect);
-    endRunningPaste(PastedError::websoketDisconnect);
+    endPendingPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
+    endRunningPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
     setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
     m_staleStreams.clear(); // nothing of the old connection comes any more
@@ -127,9 +127,9 @@ void ClipBoardManager::setPasteStatus(PasteStatus status)
     // Stop: the download that runs ends now, or else the paste that waits for its list.
     // Nothing that comes later can undo it.
     if (pasteRunning())
-        endRunningPaste(PastedError::cancelDownload);
+        endRunningPaste(PastedError::cancelDownload, PasteReport::Why::stopped);
     else if (m_pending && !m_pending->choosing)
-        endPendingPaste(PastedError::cancelDownload);
+        endPendingPaste(PastedError::cancelDownload, PasteReport::Why::stopped);
 }
 
 void ClipBoardManager::copiedFiles(const QList<QUrl> &urls)
@@ -208,7 +208,8 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
             << (scan == DescriptorList::Scan::tooLong
                     ? QStringLiteral("the remote copy has more than %1 entries; it is not pasted").arg(DescriptorList::maxEntries)
                     : QStringLiteral("the remote copy could not be read: its file list does not decode"));
-        endPendingPaste(PastedError::unKonwnError);
+        endPendingPaste(PastedError::unKonwnError, scan == DescriptorList::Scan::tooLong ? PasteReport::Why::tooManyFiles
+                                                                                        : PasteReport::Why::unreadable);
         return;
     }
     qCInfo(lcEngine).noquote() << "收到windows->mac,准备让用户选择下载路径";
@@ -242,7 +243,7 @@ void ClipBoardManager::startDownload(const QUrl &url)
     m_pending.reset();
     // One paste at a time: one that still runs ends as Stop would end it, told to its own
     // callbacks, before the new one starts.
-    endRunningPaste(PastedError::cancelDownload);
+    endRunningPaste(PastedError::cancelDownload, PasteReport::Why::replaced);
     // The chosen folder may itself be a link; it is resolved once, here. Beneath it no
     // link is ever followed.
     const QString chosen = url.toLocalFile();
@@ -267,7 +268,7 @@ void ClipBoardManager::handleContentResponse(const QByteArray &payload)
         return;
     if (!reply) {
         qCInfo(lcEngine).noquote() << "a file contents reply could not be decoded; the paste ends";
-        endRunningPaste(PastedError::unKonwnError);
+        endRunningPaste(PastedError::unKonwnError, PasteReport::Why::unreadable);
         return;
     }
     m_paste->handleContentResponse(*reply);
@@ -293,10 +294,12 @@ bool ClipBoardManager::pasteRunning() const
     return m_paste && m_paste->running();
 }
 
-void ClipBoardManager::endPendingPaste(PastedError error)
+void ClipBoardManager::endPendingPaste(PastedError error, PasteReport::Why why)
 {
     if (!m_pending)
         return;
+    m_lastReport = PasteReport();
+    m_lastReport.why = why;
     m_listTimer->stop();
     const CompletionCallback completion = std::move(m_pending->completion);
     m_pending.reset();
@@ -306,17 +309,17 @@ void ClipBoardManager::endPendingPaste(PastedError error)
     offerAgain();
 }
 
-void ClipBoardManager::endRunningPaste(PastedError error)
+void ClipBoardManager::endRunningPaste(PastedError error, PasteReport::Why why)
 {
     if (pasteRunning())
-        m_paste->end(false, error);
+        m_paste->end(false, error, why);
 }
 
 void ClipBoardManager::listTimedOut()
 {
     qCInfo(lcEngine).noquote().nospace() << "the remote side has not answered for "
                                          << QString::number(m_replyTimeoutMs / 1000.0) << " seconds; the paste ends";
-    endPendingPaste(PastedError::websoketDisconnect);
+    endPendingPaste(PastedError::websoketDisconnect, PasteReport::Why::noAnswer);
 }
 
 void ClipBoardManager::pasteEnded(PasteSession &session)

@@ -4,6 +4,7 @@
 #include "FrameHandler.h"
 #include "FrameType.h"
 #include "KXFileManagerDelegate.h"
+#include "PasteReport.h"
 #include "PastedError.h"
 #include "SocketManagerDelegate.h"
 #include "copy/CopyServer.h"
@@ -66,6 +67,8 @@ public:
     const QString &urlText() const { return m_urlText; }
     int window() const { return m_window; }
     int replyTimeoutMs() const { return m_replyTimeoutMs; }
+    // What the last paste that ended did: read when its completion is called.
+    const PasteReport &lastPasteReport() const { return m_lastReport; }
     void setReplyTimeout(int ms);
 
     // What the progress window shows besides the bar.
@@ -109,8 +112,8 @@ private:
     bool pasteRunning() const;
     // Ends the paste that waits for its list, or the download that runs, with its own
     // callbacks.
-    void endPendingPaste(PastedError error);
-    void endRunningPaste(PastedError error);
+    void endPendingPaste(PastedError error, PasteReport::Why why);
+    void endRunningPaste(PastedError error, PasteReport::Why why);
     void listTimedOut();
     // A download has ended, whichever way.
     void pasteEnded(PasteSession &session);
@@ -129,6 +132,7 @@ private:
     // Queries of ended pastes whose replies may still come: their ids are not reused, and
     // their replies are dropped, until they come or the connection goes.
     std::set<std::uint32_t> m_staleStreams;
+    PasteReport m_lastReport;
     QTimer *m_listTimer = nullptr; // the list asked for must come within the time-out
 
     CopyServer m_copy;

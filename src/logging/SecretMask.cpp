@@ -1,5 +1,7 @@
 #include "SecretMask.h"
 
+#include <QRegularExpression>
+
 namespace kx {
 
 namespace {
@@ -41,9 +43,15 @@ QString maskedUrl(const QString &url)
     return start < 0 ? url : url.left(start) + maskedSecret(url.mid(start));
 }
 
+// Only where it stands as a token of its own: a short token ("x") must not mask every
+// letter of that kind in a message ("Ma…imum framesize").
 QString maskedWithin(QString text, const QString &secret)
 {
-    return secret.isEmpty() ? text : text.replace(secret, maskedSecret(secret));
+    if (secret.isEmpty())
+        return text;
+    const QRegularExpression standalone(QStringLiteral("(?<![A-Za-z0-9])") + QRegularExpression::escape(secret)
+                                        + QStringLiteral("(?![A-Za-z0-9])"));
+    return text.replace(standalone, maskedSecret(secret));
 }
 
 } // namespace kx

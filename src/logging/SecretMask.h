@@ -17,7 +17,7 @@ QString urlSecret(const QString &url);
 QString maskedUrl(const QString &url);
 
 // Text from elsewhere (an error, a peer's close reason) with every occurrence of the
-// secret masked.
+// secret that stands as a token of its own masked.
 QString maskedWithin(QString text, const QString &secret);
 
 } // namespace kx

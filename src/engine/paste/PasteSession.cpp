@@ -111,7 +111,7 @@ void PasteSession::readList()
         if (!d) {
             qCInfo(lcEngine).noquote().nospace() << "the remote copy could not be read: its entry " << m_listRead
                                                  << " is not a file description; the paste ends";
-            return end(false, PastedError::unKonwnError);
+            return end(false, PastedError::unKonwnError, PasteReport::Why::unreadable);
         }
         if (isFolder(*d)) {
             if (lastWriteTime(*d))
@@ -170,7 +170,7 @@ void PasteSession::resolveConflicts()
             return; // the connection was lost meanwhile
         m_slice.start();
         if (choice == ConflictChoice::cancel)
-            return end(false, PastedError::cancelDownload);
+            return end(false, PastedError::cancelDownload, PasteReport::Why::declined);
         m_replaceExisting = choice == ConflictChoice::replace;
         std::vector<bool> skipped(choice == ConflictChoice::skip ? m_files.size() : 0);
         for (const Conflict &conflict : m_conflicts) {
@@ -217,7 +217,8 @@ void PasteSession::checkSpace()
     if (free && m_downloadTotalSize > *free) {
         qCInfo(lcEngine).noquote().nospace() << "not enough space in " << m_pasteBasePath << ": the paste needs "
                                              << m_downloadTotalSize << " bytes and " << *free << " are free; nothing is written";
-        return end(false, PastedError::saveError);
+        m_bytesFree = *free;
+        return end(false, PastedError::saveError, PasteReport::Why::notEnoughSpace);
     }
     downloadNextFile();
 }
@@ -322,11 +323,33 @@ void PasteSession::finishPaste()
     end(true, PastedError::noError);
 }
 
-void PasteSession::end(bool success, PastedError error)
+void PasteSession::endOnLocalError(int error, const QString &file)
+{
+    using Why = PasteReport::Why;
+    const Why why = error == ENOSPC || error == EDQUOT                   ? Why::diskFull
+        : error == EACCES || error == EPERM || error == EROFS ? Why::noPermission
+                                                              : Why::cannotWrite;
+    end(false, PastedError::saveError, why, file, QString::fromLocal8Bit(std::strerror(error)));
+}
+
+// The current file's name below the chosen folder, as the user finds it there.
+QString PasteSession::shownName(const FileTask &file) const
+{
+    return kx::remoteComponents(stagedName(QString::fromStdString(file.descriptor.cfilename()))).join(QLatin1Char('/'));
+}
+
+void PasteSession::end(bool success, PastedError error, PasteReport::Why why, const QString &file, const QString &detail)
 {
     if (m_ended)
         return;
     m_ended = true;
+    PasteReport &report = m_engine.m_lastReport;
+    report = PasteReport();
+    report.why = why, report.folder = m_pasteBasePath, report.file = file, report.detail = detail;
+    report.filesSaved = m_filesSaved, report.bytesSaved = m_bytesSaved;
+    report.filesSkipped = m_skipped, report.filesRenamed = m_filesRenamed;
+    report.filesTotal = m_files.size() + m_skipped, report.bytesTotal = m_downloadTotalSize;
+    report.bytesNeeded = m_downloadTotalSize, report.bytesFree = m_bytesFree;
     m_replyTimer.stop();
     m_pastedProgressCallback = nullptr;
     const CompletionCallback completion = std::exchange(m_callback, nullptr);
@@ -357,13 +380,13 @@ void PasteSession::startCurrentFile(std::size_t index)
     qCInfo(lcEngine).noquote().nospace() << "将要存储的目录是:" << m_pasteBasePath;
     if (!kx::isContainedRemotePath(name)) {
         qCInfo(lcEngine).noquote().nospace() << "refused a remote name outside the chosen folder: " << name;
-        return end(false, PastedError::saveError);
+        return end(false, PastedError::saveError, PasteReport::Why::outsideFolder, name);
     }
     const QString staged = stagedName(name);
     file.out = KXFileStreamOperation::initFileOperationAtPath(staged, true, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "文件总大小resultValue:" << file.size;
     if (!file.out)
-        return end(false, PastedError::saveError);
+        return endOnLocalError(errno, kx::remoteComponents(staged).join(QLatin1Char('/')));
     const QString folder = QFileInfo(file.out->filePath).path();
     if (!m_cleanedFolders.contains(folder)) {
         m_cleanedFolders.insert(folder);
@@ -482,7 +505,7 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
     if (size > expected) {
         qCInfo(lcEngine).noquote().nospace() << "a reply of " << size << " bytes where at most " << expected
                                              << " were asked for; the paste ends";
-        return end(false, PastedError::unKonwnError);
+        return end(false, PastedError::unKonwnError, PasteReport::Why::unreadable, shownName(file));
     }
     qCInfo(lcEngine).noquote().nospace() << "downloadCurrentIndex:" << file.downloadCurrentIndex << "chunks:" << file.chunks;
     qCInfo(lcEngine).noquote().nospace() << "这一次存储downloadOffset:" << query.offset;
@@ -490,7 +513,7 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
     if (!file.out->writeDateOffSet(query.offset, QByteArray::fromRawData(bytes.data(), qsizetype(size)))) {
         qCInfo(lcEngine).noquote().nospace() << "writing at " << query.offset << " failed: "
                                              << (errno == ENOSPC ? "the disk is full" : std::strerror(errno));
-        return end(false, PastedError::saveError);
+        return endOnLocalError(errno, shownName(file));
     }
     // The log tells the chunk after this one, as the one-at-a-time exchange counts; what
     // is asked for next starts where the bytes written end.
@@ -512,7 +535,8 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
     struct stat written {};
     if (::fstat(file.out->writeDescriptor(), &written) != 0 || written.st_nlink == 0) {
         qCInfo(lcEngine).noquote().nospace() << "the file being written has disappeared: " << file.localPath;
-        return end(false, PastedError::saveError);
+        return end(false, PastedError::saveError, PasteReport::Why::cannotWrite, shownName(file),
+                   QStringLiteral("removed while it was being written"));
     }
     const std::uint64_t savedSize = m_engine.m_context.files.fileSizeAtPath(file.out->partialPath());
     qCInfo(lcEngine).noquote().nospace() << "当前已经存储了" << savedSize << "大小";
@@ -533,11 +557,15 @@ bool PasteSession::finishCurrentFile(FileTask &file)
         qCInfo(lcEngine).noquote().nospace() << "could not set the modification time of " << file.out->filePath;
     const std::optional<QString> placed = file.out->commit(m_replaceExisting);
     if (!placed) {
-        end(false, PastedError::saveError);
+        endOnLocalError(errno, shownName(file));
         return false;
     }
-    if (*placed != file.out->filePath)
+    if (*placed != file.out->filePath) {
         qCInfo(lcEngine).noquote().nospace() << "the name was taken, both are kept: " << *placed;
+        ++m_filesRenamed;
+    }
+    ++m_filesSaved;
+    m_bytesSaved += file.size;
     file.out.reset(); // closes the file
     return true;
 }
@@ -555,7 +583,7 @@ void PasteSession::replyTimedOut()
 {
     qCInfo(lcEngine).noquote().nospace() << "the remote side has not answered for "
                                          << QString::number(m_replyTimer.interval() / 1000.0) << " seconds; the paste ends";
-    end(false, PastedError::websoketDisconnect);
+    end(false, PastedError::websoketDisconnect, PasteReport::Why::noAnswer);
 }
 
 // Stream ids whose replies may still come for an ended paste are never reused: such a

@@ -3,6 +3,7 @@
 #include "DescriptorList.h"
 #include "KXFileStreamOperation.h"
 #include "PasteTarget.h"
+#include "PasteReport.h"
 #include "PastedError.h"
 #include "filesdk.pb.h"
 
@@ -54,7 +55,10 @@ public:
     void handleContentResponse(const FileSDK::CliprdrFileContentsResponse &reply);
     // Ends the paste, once: its completion first, then the files are closed and the list
     // let go; replies that still come, and repeats still waiting, write nothing.
-    void end(bool success, PastedError error);
+    void end(bool success, PastedError error, PasteReport::Why why = PasteReport::Why::none, const QString &file = {},
+             const QString &detail = {});
+    // The words for a local failure, from the system's error number.
+    void endOnLocalError(int error, const QString &file);
 
     bool running() const { return !m_ended; }
     // The user is being asked what to do with names that are taken.
@@ -100,6 +104,7 @@ private:
     void resolveConflicts();
     void checkSpace();
     QString stagedName(const QString &remoteName) const;
+    QString shownName(const FileTask &file) const;
     void downloadNextFile();
     void pump();
     void closeSavedFiles();
@@ -148,6 +153,8 @@ private:
     QHash<QString, QString> m_renamedFolders; // a folder of the paste whose name a file has
     QSet<QString> m_cleanedFolders;           // folders already rid of what crashed pastes left
     std::size_t m_skipped = 0;
+    std::uint64_t m_filesSaved = 0, m_bytesSaved = 0, m_filesRenamed = 0;
+    std::uint64_t m_bytesFree = 0;
     // Told false when the session goes: a modal question runs the event loop, and a newer
     // paste may replace this one meanwhile.
     std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
