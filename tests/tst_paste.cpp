@@ -170,6 +170,7 @@ void TestPaste::chunking()
         QCOMPARE(readFile(h.dest + QString(sizes[i] < 0 ? "/f%1 (2)" : "/f%1").arg(i)),
                  full ? "<missing>" : pattern(std::max<qint64>(sizes[i], 0), 1));
     QCOMPARE(log.contains("not enough space in " + h.dest + ": the paste needs 11 bytes and 10 are free; nothing is written"), full);
+    QCOMPARE(h.engine->lastPasteReport().bytesFree, full ? 10u : 0u);
 }
 
 // Every way a paste ends but success, in both exchanges, at the file's first range or in
@@ -182,36 +183,38 @@ void TestPaste::endings_data()
     QTest::addColumn<Step>("fault");
     QTest::addColumn<int>("ranges");   // ranges answered before the fault
     QTest::addColumn<int>("expected"); // the PastedError
-    auto rows = [](const char *name, QList<int> ranges, PastedError expected, Step fault) {
+    QTest::addColumn<int>("why");      // what the report of the end says
+    using Why = PasteReport::Why;
+    auto rows = [](const char *name, QList<int> ranges, PastedError expected, Why why, Step fault) {
         for (int window : {1, 4})
             for (int answered : ranges)
-                QTest::addRow("%s after %d ranges, window %d", name, answered, window) << fault << answered << int(expected);
+                QTest::addRow("%s after %d ranges, window %d", name, answered, window) << fault << answered << int(expected) << int(why);
     };
     const auto unknown = PastedError::unKonwnError, saveError = PastedError::saveError;
-    rows("undecodable reply", {1}, unknown, [](EngineHarness &h, const Query &) { h.send(hex("0a 05 06")); });
-    rows("reply beyond the query", {0, 1}, unknown,
+    rows("undecodable reply", {1}, unknown, Why::unreadable, [](EngineHarness &h, const Query &) { h.send(hex("0a 05 06")); });
+    rows("reply beyond the query", {0, 1}, unknown, Why::unreadable,
          [](EngineHarness &h, const Query &q) { h.reply(q.streamid(), QByteArray(int(q.cbrequested()) + 1, 'x')); });
-    rows("reply past the announced size", {2}, unknown, // 1000 bytes are left of the file
+    rows("reply past the announced size", {2}, unknown, Why::unreadable, // 1000 bytes are left of the file
          [](EngineHarness &h, const Query &q) { h.reply(q.streamid(), QByteArray(1001, 'x')); });
-    rows("stop", {0, 1}, PastedError::cancelDownload, [](EngineHarness &h, const Query &q) {
+    rows("stop", {0, 1}, PastedError::cancelDownload, Why::stopped, [](EngineHarness &h, const Query &q) {
         h.engine->setPasteStatus(PasteStatus::cancel); // ends it at once
         QVERIFY(h.ends.size() == 1 && h.statusAtEnd == PasteStatus::downloading);
         h.remoteCopy(); // a new remote copy cannot undo it
         replyRight(h, q);
     });
-    rows("stop during the wait after an empty reply", {0}, PastedError::cancelDownload, [](EngineHarness &h, const Query &q) {
+    rows("stop during the wait after an empty reply", {0}, PastedError::cancelDownload, Why::stopped, [](EngineHarness &h, const Query &q) {
         h.reply(q.streamid(), {});
         h.engine->setPasteStatus(PasteStatus::cancel);
         QVERIFY(!h.nextFrame(800)); // no repeat after the wait
     });
-    rows("no reply for the time-out", {1}, PastedError::websoketDisconnect, [](EngineHarness &h, const Query &) {
+    rows("no reply for the time-out", {1}, PastedError::websoketDisconnect, Why::noAnswer, [](EngineHarness &h, const Query &) {
         LogCapture log;
         h.engine->setReplyTimeout(300);
         QVERIFY(QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 3000));
         QVERIFY(log.contains("the remote side has not answered for 0.3 seconds; the paste ends"));
     });
-    rows("connection lost", {0, 1}, PastedError::websoketDisconnect, [](EngineHarness &h, const Query &) { h.sink.lose(); });
-    rows("disk full", {1}, saveError, [](EngineHarness &h, const Query &q) {
+    rows("connection lost", {0, 1}, PastedError::websoketDisconnect, Why::connectionLost, [](EngineHarness &h, const Query &) { h.sink.lose(); });
+    rows("a file too large for its limit", {1}, saveError, Why::cannotWrite, [](EngineHarness &h, const Query &q) {
         std::signal(SIGXFSZ, SIG_IGN);
         rlimit saved{}, limit{};
         getrlimit(RLIMIT_FSIZE, &saved);
@@ -221,7 +224,7 @@ void TestPaste::endings_data()
         replyRight(h, q);
         setrlimit(RLIMIT_FSIZE, &saved);
     });
-    rows("file being written removed", {0, 1}, saveError, [](EngineHarness &h, const Query &q) {
+    rows("file being written removed", {0, 1}, saveError, Why::cannotWrite, [](EngineHarness &h, const Query &q) {
         for (const QString &partial : QDir(h.dest).entryList({".kx-clipboard-partial-*"}, QDir::Files | QDir::Hidden))
             QVERIFY(QFile::remove(h.dest + '/' + partial));
         replyRight(h, q);
@@ -233,6 +236,7 @@ void TestPaste::endings()
     QFETCH(Step, fault);
     QFETCH(int, ranges);
     QFETCH(int, expected);
+    QFETCH(int, why);
     EngineHarness h(QString(QTest::currentDataTag()).endsWith("4") ? 4 : 1);
     const QByteArray &data = fileData();
     QVERIFY(writeFile(h.dest + "/f.bin", "mine"));
@@ -251,6 +255,9 @@ void TestPaste::endings()
     }
     fault(h, waiting.first());
     QCOMPARE(h.ends, (QList<std::pair<bool, PastedError>>{{false, PastedError(expected)}}));
+    const PasteReport report = h.engine->lastPasteReport(); // what the alert will say
+    QVERIFY(int(report.why) == why && report.folder == h.dest && report.filesSaved == 1 && report.filesTotal == 2);
+    QCOMPARE(report.file, "f.bin");
     for (const Query &w : waiting) // replies that come after the end write nothing
         h.reply(w.streamid(), QByteArray(int(w.cbrequested()), 'z'));
     QVERIFY2(!h.nextQuery(0), "a query after the end");
@@ -326,6 +333,9 @@ void TestPaste::conflicts()
     QCOMPARE(h.conflicts->asked.size(), holds == "nothing" ? 0 : 1);
     if (!h.conflicts->asked.isEmpty())
         QCOMPARE(h.conflicts->asked.first().firstNames, QStringList{holds.endsWith("needed") ? "docs" : "b.txt"});
+    const PasteReport report = h.engine->lastPasteReport(); // what the alert will count
+    QCOMPARE(report.filesRenamed, std::uint64_t(tree.filter(QRegularExpression(" \\(2\\)\\.txt 5$")).size()));
+    QCOMPARE(report.filesSkipped, answer == int(ConflictChoice::skip) ? 1u : 0u);
     for (const QString &name : tree.filter(QRegularExpression(" 5$")))
         QCOMPARE(readFile(h.dest + '/' + name.chopped(2)), name.startsWith("docs") ? "new-a" : "new-b");
 }

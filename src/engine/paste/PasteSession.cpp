@@ -345,7 +345,9 @@ void PasteSession::end(bool success, PastedError error, PasteReport::Why why, co
     m_ended = true;
     PasteReport &report = m_engine.m_lastReport;
     report = PasteReport();
-    report.why = why, report.folder = m_pasteBasePath, report.file = file, report.detail = detail;
+    // Whatever ended it, the file being received when it ended is the one to name.
+    report.why = why, report.folder = m_pasteBasePath, report.detail = detail;
+    report.file = file.isEmpty() && !m_active.empty() ? shownName(m_active.front()) : file;
     report.filesSaved = m_filesSaved, report.bytesSaved = m_bytesSaved;
     report.filesSkipped = m_skipped, report.filesRenamed = m_filesRenamed;
     report.filesTotal = m_files.size() + m_skipped, report.bytesTotal = m_downloadTotalSize;
