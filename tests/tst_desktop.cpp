@@ -5,6 +5,7 @@
 #include "FakePlatform.h"
 #include "LaunchArguments.h"
 #include "LogCapture.h"
+#include "PasteEndText.h"
 #include "ViewController.h"
 
 #include "linux/NotificationTrigger.h"
@@ -49,6 +50,8 @@ public slots:
     void dismissedSeen(uint id, uint) { dismissed.append(id); }
 };
 
+Q_DECLARE_METATYPE(PasteReport)
+
 class TestDesktop : public QObject
 {
     Q_OBJECT
@@ -63,6 +66,8 @@ private slots:
     void hostAndPermission();
     void windowAndAlerts();
     void pasteThroughCtrlV();
+    void endTexts_data();
+    void endTexts();
     void pasteFromTheNotification();
     void trayMenu();
     void clipboardBackend();
@@ -337,8 +342,55 @@ void TestDesktop::pasteThroughCtrlV()
     state.press(true, "v");
     QCOMPARE(sink.sent.size(), 1);
     sink.sent.clear();
+    state.alertAnswers = {1001};
     serve(dest, 3, QString(120, 'n'));
     QVERIFY(log.contains("当前的百分比：1.0") && log.contains("Progress: 1.0"));
+    // The alert says what was saved and where, and opens the folder on request.
+    QCOMPARE(state.alerts.first().informative,
+             QStringLiteral("3 files (%1) were saved in “%2”.").arg(QLocale().formattedDataSize(900000), QDir(dest.path()).dirName()));
+    QVERIFY(state.alerts.first().buttons == QStringList({"ok", "Open folder"})
+            && state.openedUrls == QList<QUrl>{QUrl::fromLocalFile(dest.path())});
+}
+
+// The words of an alert, below its described message, for each way a paste ends.
+void TestDesktop::endTexts_data()
+{
+    QTest::addColumn<bool>("success");
+    QTest::addColumn<PasteReport>("report");
+    QTest::addColumn<QString>("text");
+    using Why = PasteReport::Why;
+    const auto report = [](Why why, std::uint64_t saved, QString file = "Project/big.mp4", QString folder = "/home/u/Downloads") {
+        PasteReport r;
+        r.why = why, r.file = file, r.folder = folder, r.filesSaved = saved, r.bytesSaved = saved * 2000;
+        r.bytesNeeded = 3000000, r.bytesFree = 1000000, r.detail = "File too large";
+        return r;
+    };
+    PasteReport renamed = report(Why::none, 1);
+    renamed.filesRenamed = 1, renamed.filesSkipped = 2;
+    const QString kB = QLocale().formattedDataSize(2000);
+    QTest::newRow("success, one renamed, two skipped") << true << renamed
+        << "1 file (" + kB + ") was saved in “Downloads”.\nOne got a new name, as a file of the same name was already there.\n"
+           "2 files were skipped: the ones you had stay as they were.";
+    QTest::newRow("stopped") << false << report(Why::stopped, 2)
+        << "You stopped the paste while “Project/big.mp4” was being received.\n2 files were saved in “Downloads” before the paste "
+           "ended; no half-written file was left.";
+    QTest::newRow("no space") << false << report(Why::notEnoughSpace, 0)
+        << "The paste needs " + QLocale().formattedDataSize(3000000) + ", and only " + QLocale().formattedDataSize(1000000)
+               + " are free on the disk of “Downloads”. Free some space, or choose another folder.";
+    QTest::newRow("a write that failed") << false << report(Why::cannotWrite, 1)
+        << "“Project/big.mp4” could not be written: File too large.\n1 file was saved in “Downloads” before the paste ended; "
+           "no half-written file was left.";
+    QTest::newRow("lost before a folder was chosen") << false << report(Why::connectionLost, 0, "", "")
+        << "The connection to the remote desktop was lost. It comes back by itself: paste again once the remote desktop offers "
+           "the files again.";
+}
+
+void TestDesktop::endTexts()
+{
+    QFETCH(bool, success);
+    QFETCH(PasteReport, report);
+    QFETCH(QString, text);
+    QCOMPARE(pasteEndText(success, report), text);
 }
 
 // The notification's Paste…, for sessions where no key can be watched: on a session bus

@@ -3,6 +3,7 @@
 #include "DesktopLog.h"
 #include "LaunchArguments.h"
 #include "LogText.h"
+#include "PasteEndText.h"
 
 #include <QLabel>
 #include <QLocale>
@@ -111,29 +112,39 @@ void ViewController::handlePasteProgress(double progress)
 
 void ViewController::handlePasteFinished(bool success, ClipBoardError error)
 {
+    // Read now: by the time the alert shows, another paste may have ended.
+    const ClipBoardManager *engine = m_watcher->clipManager();
+    const PasteReport report = engine ? engine->lastPasteReport() : PasteReport();
     if (success) {
         qCInfo(lcDesktop).noquote() << "所有文件粘贴成功";
-        QMetaObject::invokeMethod(this, [this] {
+        QMetaObject::invokeMethod(this, [this, report] {
             m_progressIndicator->setHidden(true);
             m_stopBtn->setHidden(true);
-            showAlert(QStringLiteral("下载成功"));
+            showAlert(QStringLiteral("下载成功"), pasteEndText(true, report), report);
             hideWindow();
         }, Qt::QueuedConnection);
         return;
     }
     const QString name = clipBoardErrorName(error);
     qCInfo(lcDesktop).noquote().nospace() << "eror:" << name;
-    QMetaObject::invokeMethod(this, [this, name] {
+    QMetaObject::invokeMethod(this, [this, name, report] {
         m_progressIndicator->setHidden(true);
-        showAlert(QStringLiteral("下载失败错误原因：") + name);
+        showAlert(QStringLiteral("下载失败错误原因：") + name, pasteEndText(false, report), report);
         m_stopBtn->setHidden(true);
         hideWindow();
     }, Qt::QueuedConnection);
 }
 
-void ViewController::showAlert(const QString &message)
+// The described message, what happened in words, and the folder a button away when
+// something was saved in it.
+void ViewController::showAlert(const QString &message, const QString &informative, const PasteReport &report)
 {
-    m_platform.alerts->runModal(message, QString(), {QStringLiteral("ok")});
+    const bool saved = !report.folder.isEmpty() && report.filesSaved > 0;
+    QStringList buttons{QStringLiteral("ok")};
+    if (saved)
+        buttons << tr("Open folder");
+    if (m_platform.alerts->runModal(message, informative, buttons) == 1001 && saved)
+        m_platform.services->openUrl(QUrl::fromLocalFile(report.folder));
 }
 
 void ViewController::clickStopPasteBtn()

@@ -47,7 +47,7 @@ private:
     void resetProgressControls();
     void hideWindow();
     void showWindow();
-    void showAlert(const QString &message);
+    void showAlert(const QString &message, const QString &informative, const PasteReport &report);
     void setBarValue(double progress);
     void updateDetail();
 
