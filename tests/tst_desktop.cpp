@@ -6,6 +6,7 @@
 #include "LaunchArguments.h"
 #include "LogCapture.h"
 #include "PasteEndText.h"
+#include "Translations.h"
 #include "ViewController.h"
 
 #include "linux/NotificationTrigger.h"
@@ -390,7 +391,14 @@ void TestDesktop::endTexts()
     QFETCH(bool, success);
     QFETCH(PasteReport, report);
     QFETCH(QString, text);
-    QCOMPARE(pasteEndText(success, report), text);
+    QCOMPARE(PasteEndText::text(success, report), text);
+    // Under a Chinese locale every line is in Chinese, with the same names and figures.
+    kx::installTranslations(QLocale(QLocale::Chinese, QLocale::China));
+    const QString chinese = PasteEndText::text(success, report);
+    kx::installTranslations(QLocale(QLocale::English));
+    QVERIFY2(chinese.count('\n') == text.count('\n') && chinese.contains(QRegularExpression("[\\x{4e00}-\\x{9fff}]")), qPrintable(chinese));
+    for (const QString &kept : {report.file, report.folder.section('/', -1)})
+        QVERIFY(!text.contains("“" + kept + "”") || chinese.contains(kept));
 }
 
 // The notification's Paste…, for sessions where no key can be watched: on a session bus

@@ -3,6 +3,7 @@
 #include "LinuxPlatform.h"
 #include "LogOutput.h"
 #include "ProcessArguments.h"
+#include "Translations.h"
 #include "ViewController.h"
 
 #include <QApplication>
@@ -22,6 +23,7 @@ int main(int argc, char *argv[])
     // Qt takes its own options out of argv; every launch value is blanked, whatever it became.
     const std::vector<char *> launchArguments(argv, argv + argc);
     QApplication app(argc, argv);
+    kx::installTranslations(QLocale());
     qCInfo(lcDesktop).noquote() << session.summary();
     // A background agent: closing the progress window, the chooser or an alert must
     // never end it; it ends when the host application is gone.

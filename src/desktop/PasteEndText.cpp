@@ -1,15 +1,9 @@
 #include "PasteEndText.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QLocale>
 
 namespace {
-
-QString tr(const char *text)
-{
-    return QCoreApplication::translate("PasteEndText", text);
-}
 
 QString size(std::uint64_t bytes)
 {
@@ -21,8 +15,10 @@ QString quoted(const QString &name)
     return QStringLiteral("“%1”").arg(name);
 }
 
+} // namespace
+
 // Why it ended, naming the file it was on where there was one.
-QString reason(const PasteReport &r)
+QString PasteEndText::reason(const PasteReport &r)
 {
     using Why = PasteReport::Why;
     const QString file = quoted(r.file), folder = quoted(QDir(r.folder).dirName());
@@ -60,9 +56,7 @@ QString reason(const PasteReport &r)
     return QString();
 }
 
-} // namespace
-
-QString pasteEndText(bool success, const PasteReport &r)
+QString PasteEndText::text(bool success, const PasteReport &r)
 {
     const QString folder = quoted(QDir(r.folder).dirName());
     QStringList lines;

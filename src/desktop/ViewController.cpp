@@ -120,7 +120,7 @@ void ViewController::handlePasteFinished(bool success, ClipBoardError error)
         QMetaObject::invokeMethod(this, [this, report] {
             m_progressIndicator->setHidden(true);
             m_stopBtn->setHidden(true);
-            showAlert(QStringLiteral("下载成功"), pasteEndText(true, report), report);
+            showAlert(QStringLiteral("下载成功"), PasteEndText::text(true, report), report);
             hideWindow();
         }, Qt::QueuedConnection);
         return;
@@ -129,7 +129,7 @@ void ViewController::handlePasteFinished(bool success, ClipBoardError error)
     qCInfo(lcDesktop).noquote().nospace() << "eror:" << name;
     QMetaObject::invokeMethod(this, [this, name, report] {
         m_progressIndicator->setHidden(true);
-        showAlert(QStringLiteral("下载失败错误原因：") + name, pasteEndText(false, report), report);
+        showAlert(QStringLiteral("下载失败错误原因：") + name, PasteEndText::text(false, report), report);
         m_stopBtn->setHidden(true);
         hideWindow();
     }, Qt::QueuedConnection);
