@@ -57,6 +57,8 @@ private slots:
     void cleanup() { controller.reset(); }
     void launchArguments_data();
     void launchArguments();
+    void commandLine_data();
+    void commandLine();
     void clipboardPoll();
     void keyChords_data();
     void keyChords();
@@ -157,6 +159,56 @@ void TestDesktop::launchArguments()
         QVERIFY2(values.token().size() < 2 || !line.contains(values.token()), qPrintable(line));
     QCOMPARE(LaunchArguments::valueAfterComma(",,,") + LaunchArguments::valueAfterComma(""), QString());
     QCOMPARE(log.count("未找到逗号后面的内容"), 2);
+}
+
+void TestDesktop::commandLine_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("status"); // -1: still running once it has read its arguments
+    QTest::addColumn<QStringList>("out");  // lines of standard output, each the start of one
+    QTest::addColumn<QString>("err");      // the first line of standard error
+
+    QTest::newRow("help") << QStringList{"--help"} << 0
+                          << QStringList{"Usage: kx-clipboard ip,… port,… token,… cid,… [window,N] [pin,SHA256]",
+                                         "  ip,SCHEME://HOST  ", "  port,PORT  ", "  token,TOKEN  ", "  cid,ID  ",
+                                         "  window,N          optional: ", "  pin,SHA256        optional: "}
+                          << "";
+    QTest::newRow("help among launch values") << QStringList{"ip,ws://192.0.2.8", "-h"} << 0 << QStringList{"Usage: "} << "";
+    QTest::newRow("version") << QStringList{"--version"} << 0 << QStringList{"kx-clipboard " KX_VERSION "\n"} << "";
+    QTest::newRow("nothing at all") << QStringList{} << -1 << QStringList{"Number of arguments: 1"}
+        << "kx-clipboard: no launch arguments; the host application passes ip,… port,… token,… cid,… "
+           "(kx-clipboard --help says more)";
+}
+
+// The real executable. Help and version come without a display: an X11 toolkit started
+// here would end the process for want of one.
+void TestDesktop::commandLine()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, status);
+    QFETCH(QStringList, out);
+    QFETCH(QString, err);
+    QProcess app;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove("DISPLAY");
+    environment.remove("WAYLAND_DISPLAY");
+    environment.insert("QT_QPA_PLATFORM", status < 0 ? "offscreen" : "xcb");
+    app.setProcessEnvironment(environment);
+    app.start(KX_CLIPBOARD, arguments);
+    QByteArray printed;
+    const auto shown = [&] {
+        printed += app.readAllStandardOutput();
+        return std::all_of(out.begin(), out.end(), [&](const QString &line) { return ("\n" + printed).contains("\n" + line.toUtf8()); });
+    };
+    (void)QTest::qWaitFor([&] { return shown() || app.state() == QProcess::NotRunning; }, 10000);
+    QVERIFY2(shown(), printed.constData());
+    if (status < 0) {
+        QVERIFY(app.state() == QProcess::Running);
+        app.kill();
+    }
+    QVERIFY(app.waitForFinished(10000) || app.state() == QProcess::NotRunning);
+    QCOMPARE(app.exitStatus() == QProcess::NormalExit ? app.exitCode() : -1, status);
+    QCOMPARE(QString::fromUtf8(app.readAllStandardError()).section('\n', 0, 0), err);
 }
 
 void TestDesktop::clipboardPoll()
