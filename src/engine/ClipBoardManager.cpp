@@ -4,6 +4,7 @@
 #include "Frame.h"
 #include "FrameSink.h"
 #include "KXFileManager.h"
+#include "FilesSize.h"
 #include "Messages.h"
 #include "PasteboardAccess.h"
 #include "SendFrame.h"
@@ -212,7 +213,7 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
     }
     qCInfo(lcEngine).noquote() << "收到windows->mac,准备让用户选择下载路径";
     m_pending->choosing = true;
-    m_context.files.chooseDestinationFolder();
+    m_context.files.chooseDestinationFolder(PasteContents{m_pending->list.size(), kx::filesSize(payload)});
 }
 
 void ClipBoardManager::folderChosen(const QUrl &url)
