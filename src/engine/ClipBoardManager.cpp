@@ -73,6 +73,7 @@ void ClipBoardManager::setReplyTimeout(int ms)
 void ClipBoardManager::socketDidConnect()
 {
     qCInfo(lcEngine).noquote() << "websoket connect success";
+    emit connectionChanged(true);
     const QByteArray frame = kx::clientTypeFrame();
     qCInfo(lcEngine).noquote().nospace() << "data.count:" << frame.size();
     if (m_context.connection.isConnected())
@@ -91,6 +92,7 @@ void ClipBoardManager::socketDidDisconnect()
     m_pasteStatus = PasteStatus::complete;
     m_context.connection.reconnect();
     m_copy.connectionLost();
+    emit connectionChanged(false);
 }
 
 void ClipBoardManager::socketDidReceive(const QByteArray &data)
@@ -162,6 +164,7 @@ void ClipBoardManager::setFormList(std::optional<FileSDK::CliprdrFormatList> lis
 {
     m_formList = std::move(list);
     const bool offered = offersFiles(m_formList);
+    emit offerChanged(RemoteOffer{offered, std::nullopt});
     if (offered || offered != m_filesOffered) // every new copy with files is news
         emit filesOffered(m_filesOffered = offered);
 }
@@ -213,7 +216,9 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
     }
     qCInfo(lcEngine).noquote() << "收到windows->mac,准备让用户选择下载路径";
     m_pending->choosing = true;
-    m_context.files.chooseDestinationFolder(PasteContents{m_pending->list.size(), kx::filesSize(payload)});
+    const PasteContents contents{m_pending->list.size(), kx::filesSize(payload)};
+    emit offerChanged(RemoteOffer{true, contents});
+    m_context.files.chooseDestinationFolder(contents);
 }
 
 void ClipBoardManager::folderChosen(const QUrl &url)
