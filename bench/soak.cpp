@@ -33,7 +33,7 @@ class FixedChooser : public FolderChooser
 {
 public:
     QString folder;
-    FolderChoice runModal() override { return {true, QUrl::fromLocalFile(folder)}; }
+    FolderChoice runModal(const FolderRequest &) override { return {true, QUrl::fromLocalFile(folder)}; }
 };
 
 void writeRandom(QRandomGenerator &random, const QString &path, qint64 size)

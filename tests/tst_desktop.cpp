@@ -28,6 +28,8 @@
 #include <QSystemTrayIcon>
 #include <QTimer>
 
+Q_DECLARE_METATYPE(RemoteOffer)
+
 class NotificationService : public QObject
 {
     Q_OBJECT
@@ -61,6 +63,8 @@ private slots:
     void cleanup() { controller.reset(); }
     void launchArguments_data();
     void launchArguments();
+    void commandLine_data();
+    void commandLine();
     void clipboardPoll();
     void keyChords_data();
     void keyChords();
@@ -70,6 +74,7 @@ private slots:
     void endTexts_data();
     void endTexts();
     void pasteFromTheNotification();
+    void trayMenu_data();
     void trayMenu();
     void clipboardBackend();
     void desktopSession();
@@ -163,6 +168,56 @@ void TestDesktop::launchArguments()
         QVERIFY2(values.token().size() < 2 || !line.contains(values.token()), qPrintable(line));
     QCOMPARE(LaunchArguments::valueAfterComma(",,,") + LaunchArguments::valueAfterComma(""), QString());
     QCOMPARE(log.count("未找到逗号后面的内容"), 2);
+}
+
+void TestDesktop::commandLine_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("status"); // -1: still running once it has read its arguments
+    QTest::addColumn<QStringList>("out");  // lines of standard output, each the start of one
+    QTest::addColumn<QString>("err");      // the first line of standard error
+
+    QTest::newRow("help") << QStringList{"--help"} << 0
+                          << QStringList{"Usage: kx-clipboard ip,… port,… token,… cid,… [window,N] [pin,SHA256]",
+                                         "  ip,SCHEME://HOST  ", "  port,PORT  ", "  token,TOKEN  ", "  cid,ID  ",
+                                         "  window,N          optional: ", "  pin,SHA256        optional: "}
+                          << "";
+    QTest::newRow("help among launch values") << QStringList{"ip,ws://192.0.2.8", "-h"} << 0 << QStringList{"Usage: "} << "";
+    QTest::newRow("version") << QStringList{"--version"} << 0 << QStringList{"kx-clipboard " KX_VERSION "\n"} << "";
+    QTest::newRow("nothing at all") << QStringList{} << -1 << QStringList{"Number of arguments: 1"}
+        << "kx-clipboard: no launch arguments; the host application passes ip,… port,… token,… cid,… "
+           "(kx-clipboard --help says more)";
+}
+
+// The real executable. Help and version come without a display: an X11 toolkit started
+// here would end the process for want of one.
+void TestDesktop::commandLine()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, status);
+    QFETCH(QStringList, out);
+    QFETCH(QString, err);
+    QProcess app;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove("DISPLAY");
+    environment.remove("WAYLAND_DISPLAY");
+    environment.insert("QT_QPA_PLATFORM", status < 0 ? "offscreen" : "xcb");
+    app.setProcessEnvironment(environment);
+    app.start(KX_CLIPBOARD, arguments);
+    QByteArray printed;
+    const auto shown = [&] {
+        printed += app.readAllStandardOutput();
+        return std::all_of(out.begin(), out.end(), [&](const QString &line) { return ("\n" + printed).contains("\n" + line.toUtf8()); });
+    };
+    (void)QTest::qWaitFor([&] { return shown() || app.state() == QProcess::NotRunning; }, 10000);
+    QVERIFY2(shown(), printed.constData());
+    if (status < 0) {
+        QVERIFY(app.state() == QProcess::Running);
+        app.kill();
+    }
+    QVERIFY(app.waitForFinished(10000) || app.state() == QProcess::NotRunning);
+    QCOMPARE(app.exitStatus() == QProcess::NormalExit ? app.exitCode() : -1, status);
+    QCOMPARE(QString::fromUtf8(app.readAllStandardError()).section('\n', 0, 0), err);
 }
 
 void TestDesktop::clipboardPoll()
@@ -351,6 +406,28 @@ void TestDesktop::pasteThroughCtrlV()
              QStringLiteral("3 files (%1) were saved in “%2”.").arg(QLocale().formattedDataSize(900000), QDir(dest.path()).dirName()));
     QVERIFY(state.alerts.first().buttons == QStringList({"ok", "Open folder"})
             && state.openedUrls == QList<QUrl>{QUrl::fromLocalFile(dest.path())});
+    // What a tray is told: the connection, the copy and, once a paste has read its list,
+    // what it holds; and when it can be pasted.
+    QCOMPARE(state.offers, (QList<RemoteOffer>{{true, {}}, {true, PasteContents{3, 900000}}}));
+    QVERIFY(state.connected == QList<bool>{true} && state.offered == (QList<bool>{true, false, true}));
+    // Quit while a paste runs: the paste ends as Stop ends it, and its half-written file goes.
+    state.choosePaste();
+    FileSDK::MacCliprdrFormatDataResponse list;
+    *list.add_filedes() = descriptor("q", 300000);
+    sink.sent.clear();
+    sink.deliver(kx::encodeFrame(list, FrameType::formatDataResponse));
+    for (int answers = 0; answers < 2; ++answers) { // its size, then its first range
+        const Query q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1)).value();
+        sink.deliver(kx::encodeFrame(kx::makeContentsAnswer(q.streamid(), answerFor(q, pattern(300000, 9)).toStdString()),
+                                     FrameType::fileContentsResponse));
+    }
+    const QDir::Filters hidden = QDir::Files | QDir::Hidden;
+    QCOMPARE(QDir(dest.path()).entryList(hidden).size(), 4);
+    state.chooseQuit();
+    QVERIFY(state.quits == 1 && log.contains("Quit chosen") && log.contains("eror:cancelDownload"));
+    QCOMPARE(QDir(dest.path()).entryList(hidden).size(), 3);
+    sink.lose();
+    QVERIFY(state.connected == (QList<bool>{true, false}) && state.offers.last() == RemoteOffer{});
 }
 
 // The words of an alert, below its described message, for each way a paste ends.
@@ -442,20 +519,52 @@ void TestDesktop::pasteFromTheNotification()
     bus.waitForFinished();
 }
 
-// The tray icon's menu offers Paste… only while remote files are on offer.
+void TestDesktop::trayMenu_data()
+{
+    QTest::addColumn<QList<bool>>("connections"); // what the tray was told, in order
+    QTest::addColumn<RemoteOffer>("offer");
+    QTest::addColumn<bool>("offered");
+    QTest::addColumn<QStringList>("menu"); // the two lines that inform, then the rest of the menu
+
+    const QStringList rest{"", "Paste to folder…", "", "Quit"};
+    QTest::newRow("at start") << QList<bool>{} << RemoteOffer{} << false
+                              << QStringList{"Connecting to the remote desktop…", "No files on the remote clipboard"} + rest;
+    QTest::newRow("attempts failed, then a copy") << QList<bool>{false, false, true} << RemoteOffer{true, {}} << true
+                                                  << QStringList{"Connected to the remote desktop", "Files on the remote clipboard"} + rest;
+    QTest::newRow("its list read, a paste running") << QList<bool>{true} << RemoteOffer{true, PasteContents{3, 12 << 20}} << false
+        << QStringList{"Connected to the remote desktop", "3 items, " + QLocale().formattedDataSize(12 << 20) + " on the remote clipboard"} + rest;
+    QTest::newRow("one item of a size not told") << QList<bool>{true} << RemoteOffer{true, PasteContents{1, {}}} << true
+                                                 << QStringList{"Connected to the remote desktop", "1 item on the remote clipboard"} + rest;
+    QTest::newRow("the connection lost") << QList<bool>{true, false} << RemoteOffer{} << false
+                                         << QStringList{"Connection lost; reconnecting…", "No files on the remote clipboard"} + rest;
+}
+
+// The tray icon's menu: what it tells, and Paste to folder… only while remote files are on offer.
 void TestDesktop::trayMenu()
 {
+    QFETCH(QList<bool>, connections);
+    QFETCH(RemoteOffer, offer);
+    QFETCH(bool, offered);
+    QFETCH(QStringList, menu);
     TrayTrigger tray;
-    int pastes = 0;
+    int pastes = 0, quits = 0;
     tray.onPaste([&] { ++pastes; });
+    tray.onQuit([&] { ++quits; });
+    for (bool connected : connections)
+        tray.setConnected(connected);
+    tray.setRemoteOffer(offer);
+    tray.setOffered(offered);
     const QSystemTrayIcon *icon = tray.findChild<QSystemTrayIcon *>();
-    QAction *paste = icon->contextMenu()->actions().value(0);
-    QVERIFY(paste && paste->text() == "Paste…" && !paste->isEnabled() && icon->toolTip() == "KXClipboard");
-    tray.setOffered(true);
-    paste->trigger();
-    QVERIFY(paste->isEnabled() && pastes == 1 && icon->toolTip() == "KXClipboard: files copied on the remote desktop can be pasted");
-    tray.setOffered(false);
-    QVERIFY(!paste->isEnabled() && icon->toolTip() == "KXClipboard");
+    const QList<QAction *> actions = icon->contextMenu()->actions();
+    QStringList texts;
+    for (const QAction *action : actions)
+        texts.append(action->text());
+    QCOMPARE(texts, menu);
+    QVERIFY(!actions[0]->isEnabled() && !actions[1]->isEnabled() && actions[3]->isEnabled() == offered && actions[5]->isEnabled());
+    QCOMPARE(icon->toolTip(), "KXClipboard\n" + menu[0] + "\n" + menu[1]);
+    actions[3]->trigger();
+    actions[5]->trigger();
+    QVERIFY(pastes == int(offered) && quits == 1);
 }
 
 // The clipboard in this process: file URLs, and where a compositor hands a copy over as

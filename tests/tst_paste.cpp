@@ -6,6 +6,7 @@
 #include "LogCapture.h"
 
 #include <QElapsedTimer>
+#include <QScopeGuard>
 #include <QSignalSpy>
 
 #include <csignal>
@@ -68,13 +69,23 @@ void TestPaste::oneAtATimeIsByteExact()
 {
     EngineHarness h;
     LogCapture log;
+    // The chooser opens in the user's downloads, or at home where there are none.
+    const QByteArray home = qgetenv("HOME");
+    const auto restore = qScopeGuard([&] { qputenv("HOME", home); });
+    qputenv("HOME", QFile::encodeName(h.root.path()));
+    h.chooser->answer = FolderChoice{};
+    h.files.chooseDestinationFolder({});
+    QVERIFY(QDir(h.root.path()).mkdir("Downloads"));
+    h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(h.dest)};
     h.remoteCopy();
     QCOMPARE(h.pasteboard.clears, 1);
     h.paste();
     QCOMPARE(h.nextFrame(), hex("0a 06 08 03 10 02 20 07 10 c2 81 03 03"));
     const QByteArray a = pattern(300000, 1), b = pattern(70000, 2);
-    h.offer({descriptor("d", 0, 0x10), descriptor("d\\a.bin", 300000), descriptor("d\\e.txt", 0), descriptor("b.bin", 70000),
+    // A folder's size is no size: the copying side puts 16 and 16 there.
+    h.offer({descriptor("d", 0x1000000010ull, 0x10), descriptor("d\\a.bin", 300000), descriptor("d\\e.txt", 0), descriptor("b.bin", 70000),
              descriptor(".", 0, 0x10, 132223104000000000ull)}); // a time for the chosen folder itself, never set
+    QCOMPARE(h.chooser->requests, (QList<FolderRequest>{{{}, h.root.path()}, {{5, 370000}, h.root.filePath("Downloads")}}));
     const auto streamOf = [](const std::optional<QByteArray> &frame) {
         return frame ? kx::parseMessage<Query>(frame->chopped(1)).value_or(Query()).streamid() : 99;
     };
@@ -493,6 +504,8 @@ void TestPaste::onePasteAtATime()
         h.reply(q->streamid(), answerFor(*q, q->listindex() ? "x" : "abc"));
     }
     QCOMPARE(indexes, (QList<std::uint32_t>{0, 0, 1, 1, 0, 0}));
+    // The chooser opens where the paste before went.
+    QVERIFY(h.chooser->requests.value(1).startFolder == h.dest && h.chooser->requests.value(3).startFolder == other);
 }
 
 void TestPaste::window_data()

@@ -95,7 +95,7 @@ focus_window() {
 # paste_into DIR: Ctrl+V and the folder typed into the chooser.
 paste_into() {
   xdotool key ctrl+v
-  focus_window "Choose a destination folder" > /dev/null || fail "the folder chooser did not open"
+  focus_window "^Paste [0-9]" > /dev/null || fail "the folder chooser did not open"
   xdotool type --delay 5 "$1"
   xdotool key Return
 }

@@ -1,3 +1,4 @@
+#include "CommandLine.h"
 #include "DesktopLog.h"
 #include "FrameAllocator.h"
 #include "LinuxPlatform.h"
@@ -12,6 +13,9 @@
 
 int main(int argc, char *argv[])
 {
+    // Before the toolkit: --help must answer where no display is.
+    if (const std::optional<int> status = CommandLine::handle(argc, argv))
+        return *status;
     kx::keepFrameBuffersMapped();
     kx::installStdoutLogHandler();
     // Under Wayland the desktop side runs through XWayland where there is one: there a

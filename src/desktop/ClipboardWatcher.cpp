@@ -56,12 +56,19 @@ void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &por
     // Where keys cannot be watched, a notification or a tray item offers the same paste.
     for (const auto &trigger : m_platform.pasteTriggers) {
         PasteTrigger *way = trigger.get();
-        connect(m_clipManager.get(), &ClipBoardManager::filesOffered, this, [way](bool offered) { way->setOffered(offered); });
+        const ClipBoardManager *engine = m_clipManager.get();
+        connect(engine, &ClipBoardManager::filesOffered, this, [way](bool offered) { way->setOffered(offered); });
+        connect(engine, &ClipBoardManager::connectionChanged, this, [way](bool up) { way->setConnected(up); });
+        connect(engine, &ClipBoardManager::offerChanged, this, [way](const RemoteOffer &offer) { way->setRemoteOffer(offer); });
         way->onPaste([self] {
             if (!self)
                 return;
             qCInfo(lcDesktop).noquote() << "Paste… chosen";
             self->paste();
+        });
+        way->onQuit([self] {
+            if (self)
+                self->quit();
         });
     }
     checkAccessibility();
@@ -112,6 +119,17 @@ void ClipboardWatcher::paste()
             if (completion)
                 completion(success, mapped);
         });
+}
+
+// The event loop is told to end first: a question or an alert opened after that returns
+// at once, so nothing is asked of a user who asked to go. A paste that runs then ends as
+// Stop ends it, which takes away what it had half written.
+void ClipboardWatcher::quit()
+{
+    qCInfo(lcDesktop).noquote() << "Quit chosen";
+    m_platform.services->quit();
+    if (m_clipManager)
+        m_clipManager->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
 }
 
 void ClipboardWatcher::checkAccessibility()

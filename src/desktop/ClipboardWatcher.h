@@ -35,6 +35,7 @@ public:
     void checkPasteboard();
     void handleKeyDown(const KeyEvent &event);
     void paste();
+    void quit();
     void checkAccessibility();
     void createEventTap();
     void showAccessibilityAlert();

@@ -4,6 +4,7 @@
 #include "Frame.h"
 #include "FrameSink.h"
 #include "KXFileManager.h"
+#include "FilesSize.h"
 #include "Messages.h"
 #include "PasteboardAccess.h"
 #include "SendFrame.h"
@@ -72,6 +73,7 @@ void ClipBoardManager::setReplyTimeout(int ms)
 void ClipBoardManager::socketDidConnect()
 {
     qCInfo(lcEngine).noquote() << "websoket connect success";
+    emit connectionChanged(true);
     const QByteArray frame = kx::clientTypeFrame();
     qCInfo(lcEngine).noquote().nospace() << "data.count:" << frame.size();
     if (m_context.connection.isConnected())
@@ -91,6 +93,7 @@ void ClipBoardManager::socketDidDisconnect()
     m_staleStreams.clear(); // nothing of the old connection comes any more
     m_context.connection.reconnect();
     m_copy.connectionLost();
+    emit connectionChanged(false);
 }
 
 void ClipBoardManager::socketDidReceive(const QByteArray &data)
@@ -162,6 +165,7 @@ void ClipBoardManager::setFormList(std::optional<FileSDK::CliprdrFormatList> lis
 {
     m_formList = std::move(list);
     const bool offered = offersFiles(m_formList);
+    emit offerChanged(RemoteOffer{offered, std::nullopt});
     if (offered || offered != m_filesOffered) // every new copy with files is news
         emit filesOffered(m_filesOffered = offered);
 }
@@ -214,7 +218,9 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
     }
     qCInfo(lcEngine).noquote() << "收到windows->mac,准备让用户选择下载路径";
     m_pending->choosing = true;
-    m_context.files.chooseDestinationFolder();
+    const PasteContents contents{m_pending->list.size(), kx::filesSize(payload)};
+    emit offerChanged(RemoteOffer{true, contents});
+    m_context.files.chooseDestinationFolder(contents);
 }
 
 void ClipBoardManager::folderChosen(const QUrl &url)

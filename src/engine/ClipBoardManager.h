@@ -6,6 +6,7 @@
 #include "KXFileManagerDelegate.h"
 #include "PasteReport.h"
 #include "PastedError.h"
+#include "RemoteOffer.h"
 #include "SocketManagerDelegate.h"
 #include "copy/CopyServer.h"
 #include "filesdk.pb.h"
@@ -80,6 +81,10 @@ signals:
     // Files copied on the remote side can be pasted now (true), or no longer (false: a
     // paste of them started, ended, or the copy is gone).
     void filesOffered(bool offered);
+    // What the remote clipboard holds: a new copy, a copy gone, or the list of one read.
+    void offerChanged(const RemoteOffer &offer);
+    // The connection to the remote side is up (true), or lost and being tried again.
+    void connectionChanged(bool connected);
 
 public:
     // SocketManagerDelegate

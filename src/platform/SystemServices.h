@@ -21,4 +21,6 @@ public:
     virtual bool isApplicationRunning(const QString &id) = 0;
     virtual QString applicationName() const = 0;
     virtual void exitProcess(int status) = 0;
+    // Ends the event loop: the process then ends as after any normal run, with status 0.
+    virtual void quit() = 0;
 };

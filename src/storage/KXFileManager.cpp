@@ -1,7 +1,10 @@
 #include "KXFileManager.h"
 
-#include <QFileInfo>
 #include "StorageLog.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
 
 #include <sys/statvfs.h>
 
@@ -29,9 +32,17 @@ void KXFileManager::setFolderChooser(std::unique_ptr<FolderChooser> chooser)
     m_chooser = std::move(chooser);
 }
 
-void KXFileManager::chooseDestinationFolder()
+QString KXFileManager::startFolder() const
 {
-    const FolderChoice choice = m_chooser ? m_chooser->runModal() : FolderChoice{};
+    if (!m_lastFolder.isEmpty())
+        return m_lastFolder;
+    const QString downloads = QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
+    return QFileInfo(downloads).isDir() ? downloads : QDir::homePath();
+}
+
+void KXFileManager::chooseDestinationFolder(const PasteContents &contents)
+{
+    const FolderChoice choice = m_chooser ? m_chooser->runModal(FolderRequest{contents, startFolder()}) : FolderChoice{};
     if (!choice.confirmed) {
         qCInfo(lcFileManager).noquote() << "用户取消选择文件";
         if (auto *d = delegate())
@@ -45,6 +56,8 @@ void KXFileManager::chooseDestinationFolder()
     }
     const QString path = choice.url->toLocalFile();
     qCInfo(lcFileManager).noquote().nospace() << "选择的文件路径：" << path;
+    if (!path.isEmpty())
+        m_lastFolder = path;
     auto *d = delegate();
     if (!d)
         return;

@@ -29,7 +29,8 @@ public:
     void setFolderChooser(std::unique_ptr<FolderChooser> chooser);
     void setConflictAsker(std::unique_ptr<ConflictAsker> asker);
 
-    void chooseDestinationFolder();
+    // The chooser opens in the folder chosen last in this run, else the user's downloads.
+    void chooseDestinationFolder(const PasteContents &contents);
     // Asks once what to do with a paste's names that are taken; with nobody to ask, both
     // are kept, which loses nothing.
     ConflictChoice askAboutConflicts(const ConflictSummary &summary);
@@ -45,8 +46,11 @@ public:
     static QString dateText(const QDateTime &date);
 
 private:
+    QString startFolder() const;
+
     KXFileManagerDelegate *m_delegate = nullptr;
     QPointer<QObject> m_delegateGuard;
     std::unique_ptr<FolderChooser> m_chooser;
     std::unique_ptr<ConflictAsker> m_conflictAsker;
+    QString m_lastFolder;
 };

@@ -27,15 +27,17 @@ using Query = FileSDK::CliprdrFileContentsRequest;
 using Contents = QHash<int, QByteArray>; // file bytes by list index
 
 // A folder chooser whose answer the test sets; it can run a hook while "open", as a real
-// modal dialog runs a nested event loop.
+// modal dialog runs a nested event loop. What it was opened for is kept.
 struct ScriptedChooser : FolderChooser
 {
     FolderChoice answer;
     int runs = 0, depth = 0, maxDepth = 0;
     std::function<void()> whileOpen;
-    FolderChoice runModal() override
+    QList<FolderRequest> requests;
+    FolderChoice runModal(const FolderRequest &request) override
     {
         ++runs;
+        requests.append(request);
         maxDepth = std::max(maxDepth, ++depth);
         if (auto hook = std::exchange(whileOpen, nullptr))
             hook();

@@ -83,6 +83,19 @@ public:
     }
     QString applicationName() const override { return QStringLiteral("TestApp"); }
     void exitProcess(int status) override { s.exits.append(status); }
+    void quit() override { ++s.quits; }
+    FakePlatformState &s;
+};
+
+class FakeTrigger : public PasteTrigger
+{
+public:
+    explicit FakeTrigger(FakePlatformState &s) : s(s) {}
+    void setOffered(bool offered) override { s.offered.append(offered); }
+    void onPaste(std::function<void()> paste) override { s.choosePaste = std::move(paste); }
+    void setConnected(bool connected) override { s.connected.append(connected); }
+    void setRemoteOffer(const RemoteOffer &offer) override { s.offers.append(offer); }
+    void onQuit(std::function<void()> quit) override { s.chooseQuit = std::move(quit); }
     FakePlatformState &s;
 };
 
@@ -96,5 +109,6 @@ Platform makeFakePlatform(FakePlatformState &state)
     platform.accessibility = std::make_unique<FakeAccessibility>(state);
     platform.alerts = std::make_unique<FakeAlerts>(state);
     platform.services = std::make_unique<FakeServices>(state);
+    platform.pasteTriggers.push_back(std::make_unique<FakeTrigger>(state));
     return platform;
 }

@@ -27,6 +27,11 @@ struct FakePlatformState
     bool hostRunning = true;
     QStringList hostQueries;
     QList<int> exits;
+    int quits = 0;
+    // What a tray is told, in order, and its menu items chosen by the test.
+    QList<bool> offered, connected;
+    QList<RemoteOffer> offers;
+    std::function<void()> choosePaste, chooseQuit;
 
     void copy(const QList<QUrl> &newUrls) { urls = newUrls; ++changeCount; }
     void press(bool command, const QString &text) { if (keyHandler) keyHandler(KeyEvent{command, text}); }

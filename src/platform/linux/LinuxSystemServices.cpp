@@ -1,5 +1,6 @@
 #include "LinuxSystemServices.h"
 
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QDir>
 #include <QFile>
@@ -48,6 +49,11 @@ bool LinuxSystemServices::isApplicationRunning(const QString &id)
 QString LinuxSystemServices::applicationName() const
 {
     return QStringLiteral(KX_APP_DISPLAY_NAME);
+}
+
+void LinuxSystemServices::quit()
+{
+    QCoreApplication::exit(0);
 }
 
 void LinuxSystemServices::exitProcess(int status)

@@ -10,4 +10,5 @@ public:
     bool isApplicationRunning(const QString &id) override;
     QString applicationName() const override;
     void exitProcess(int status) override;
+    void quit() override;
 };

@@ -5,5 +5,5 @@
 class QtFolderChooser : public FolderChooser
 {
 public:
-    FolderChoice runModal() override;
+    FolderChoice runModal(const FolderRequest &request) override;
 };

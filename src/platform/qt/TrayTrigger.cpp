@@ -1,5 +1,7 @@
 #include "TrayTrigger.h"
 
+#include "ContentsText.h"
+
 #include <QAction>
 #include <QIcon>
 #include <QSystemTrayIcon>
@@ -7,21 +9,62 @@
 TrayTrigger::TrayTrigger()
     : m_menu(std::make_unique<QMenu>())
 {
-    m_action = m_menu->addAction(tr("Paste…"));
-    m_action->setEnabled(false);
-    connect(m_action, &QAction::triggered, this, [this] {
+    // The first two items only inform: they are disabled, so a click does nothing.
+    m_connection = m_menu->addAction(QString());
+    m_connection->setEnabled(false);
+    m_offer = m_menu->addAction(QString());
+    m_offer->setEnabled(false);
+    m_menu->addSeparator();
+    m_pasteAction = m_menu->addAction(tr("Paste to folder…"));
+    m_pasteAction->setEnabled(false);
+    connect(m_pasteAction, &QAction::triggered, this, [this] {
         if (m_paste)
             m_paste();
     });
+    m_menu->addSeparator();
+    connect(m_menu->addAction(tr("Quit")), &QAction::triggered, this, [this] {
+        if (m_quit)
+            m_quit();
+    });
     m_icon = new QSystemTrayIcon(QIcon(QStringLiteral(":/kx-clipboard.png")), this);
-    m_icon->setToolTip(QStringLiteral(KX_APP_DISPLAY_NAME));
     m_icon->setContextMenu(m_menu.get());
+    update();
     m_icon->show();
 }
 
 void TrayTrigger::setOffered(bool offered)
 {
-    m_action->setEnabled(offered);
-    m_icon->setToolTip(offered ? tr("%1: files copied on the remote desktop can be pasted").arg(KX_APP_DISPLAY_NAME)
-                               : QStringLiteral(KX_APP_DISPLAY_NAME));
+    m_pasteAction->setEnabled(offered);
+}
+
+void TrayTrigger::setConnected(bool connected)
+{
+    m_connected = connected;
+    m_wasConnected = m_wasConnected || connected;
+    update();
+}
+
+void TrayTrigger::setRemoteOffer(const RemoteOffer &offer)
+{
+    m_remoteOffer = offer;
+    update();
+}
+
+void TrayTrigger::update()
+{
+    m_connection->setText(m_connected      ? tr("Connected to the remote desktop")
+                          : m_wasConnected ? tr("Connection lost; reconnecting…")
+                                           : tr("Connecting to the remote desktop…"));
+    const std::optional<PasteContents> &contents = m_remoteOffer.contents;
+    if (!m_remoteOffer.files)
+        m_offer->setText(tr("No files on the remote clipboard"));
+    else if (!contents)
+        m_offer->setText(tr("Files on the remote clipboard"));
+    else if (contents->bytes)
+        m_offer->setText(tr("%1, %2 on the remote clipboard")
+                             .arg(ContentsText::items(contents->items), ContentsText::size(*contents->bytes)));
+    else
+        m_offer->setText(tr("%1 on the remote clipboard").arg(ContentsText::items(contents->items)));
+    m_icon->setToolTip(QStringLiteral(KX_APP_DISPLAY_NAME "\n") + m_connection->text() + QLatin1Char('\n')
+                       + m_offer->text());
 }
