@@ -2,6 +2,17 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="zh_CN">
 <context>
+    <name>ContentsText</name>
+    <message>
+        <source>1 item</source>
+        <translation>1 个项目</translation>
+    </message>
+    <message>
+        <source>%L1 items</source>
+        <translation>%L1 个项目</translation>
+    </message>
+</context>
+<context>
     <name>NotificationTrigger</name>
     <message>
         <source>Files copied on the remote desktop</source>
@@ -137,19 +148,51 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
         <translation>跳过</translation>
     </message>
     <message>
-        <source>Choose a destination folder</source>
-        <translation>选择目标文件夹</translation>
+        <source>Paste %1 (%2) into…</source>
+        <translation>将 %1（%2）粘贴到…</translation>
+    </message>
+    <message>
+        <source>Paste %1 into…</source>
+        <translation>将 %1 粘贴到…</translation>
     </message>
 </context>
 <context>
     <name>TrayTrigger</name>
     <message>
-        <source>Paste…</source>
-        <translation>粘贴…</translation>
+        <source>Paste to folder…</source>
+        <translation>粘贴到文件夹…</translation>
     </message>
     <message>
-        <source>%1: files copied on the remote desktop can be pasted</source>
-        <translation>%1：可以粘贴远程桌面上复制的文件</translation>
+        <source>Quit</source>
+        <translation>退出</translation>
+    </message>
+    <message>
+        <source>Connected to the remote desktop</source>
+        <translation>已连接到远程桌面</translation>
+    </message>
+    <message>
+        <source>Connection lost; reconnecting…</source>
+        <translation>连接已断开，正在重新连接…</translation>
+    </message>
+    <message>
+        <source>Connecting to the remote desktop…</source>
+        <translation>正在连接远程桌面…</translation>
+    </message>
+    <message>
+        <source>No files on the remote clipboard</source>
+        <translation>远程剪贴板上没有文件</translation>
+    </message>
+    <message>
+        <source>Files on the remote clipboard</source>
+        <translation>远程剪贴板上有文件</translation>
+    </message>
+    <message>
+        <source>%1, %2 on the remote clipboard</source>
+        <translation>远程剪贴板上有 %1，共 %2</translation>
+    </message>
+    <message>
+        <source>%1 on the remote clipboard</source>
+        <translation>远程剪贴板上有 %1</translation>
     </message>
 </context>
 <context>
