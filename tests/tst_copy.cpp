@@ -105,6 +105,15 @@ void TestCopy::announceAndDescribe()
     QCOMPARE(log.lines().filter(QRegularExpression("^fileCreateTime:")), // the creation date, then the modification date
              QStringList({"fileCreateTime:" + KXFileManager::dateText(h->files.creationDateAtPath(item("a.txt"))),
                           "fileCreateTime:2020-01-01 00:00:00 +0000"}));
+    // Fetched in two ranges: told once when the first bytes go, once when the last has gone.
+    QList<std::pair<bool, std::uint64_t>> told;
+    QObject::connect(h->engine.get(), &ClipBoardManager::copySending, h->engine.get(),
+                     [&](const CopySending &s) { told.append({s.done, s.files * 1000 + s.bytes}); });
+    for (const auto &[offset, length] : QList<std::pair<std::uint32_t, std::uint32_t>>{{0, 4}, {0, 4}, {4, 6}}) {
+        QVERIFY(ask(query(0, 2, offset, length)));
+        QCOMPARE(told.size(), offset ? 2 : 1); // a repeated range counts again, never past the size
+    }
+    QVERIFY(told == (QList<std::pair<bool, std::uint64_t>>{{false, 1010}, {true, 1010}}));
 
     // An empty copy announces nothing, and a list asked for then gets no answer.
     h->engine->copiedFiles({});

@@ -555,7 +555,12 @@ void TestDesktop::trayMenu()
     tray.setRemoteOffer(offer);
     tray.setOffered(offered);
     const QSystemTrayIcon *icon = tray.findChild<QSystemTrayIcon *>();
-    const QList<QAction *> actions = icon->contextMenu()->actions();
+    const auto shown = [&] {
+        QList<QAction *> visible = icon->contextMenu()->actions();
+        visible.removeIf([](const QAction *action) { return !action->isVisible(); });
+        return visible;
+    };
+    const QList<QAction *> actions = shown();
     QStringList texts;
     for (const QAction *action : actions)
         texts.append(action->text());
@@ -565,6 +570,13 @@ void TestDesktop::trayMenu()
     actions[3]->trigger();
     actions[5]->trigger();
     QVERIFY(pastes == int(offered) && quits == 1);
+    // A local copy fetched by the remote side: a third line, and the tooltip, say so.
+    const QString what = "3 items (" + QLocale().formattedDataSize(12 << 20) + ")";
+    for (bool done : {false, true}) {
+        tray.setCopySending(CopySending{done, 3, 12 << 20});
+        const QString line = done ? what + " sent to the remote desktop" : "Sending " + what + " to the remote desktop…";
+        QVERIFY(shown().at(2)->text() == line && !shown().at(2)->isEnabled() && icon->toolTip().endsWith("\n" + line));
+    }
 }
 
 // The clipboard in this process: file URLs, and where a compositor hands a copy over as

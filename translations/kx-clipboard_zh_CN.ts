@@ -194,6 +194,18 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
         <source>%1 on the remote clipboard</source>
         <translation>远程剪贴板上有 %1</translation>
     </message>
+    <message>
+        <source>%1 (%2)</source>
+        <translation>%1（%2）</translation>
+    </message>
+    <message>
+        <source>%1 sent to the remote desktop</source>
+        <translation>%1 已发送到远程桌面</translation>
+    </message>
+    <message>
+        <source>Sending %1 to the remote desktop…</source>
+        <translation>正在将 %1 发送到远程桌面…</translation>
+    </message>
 </context>
 <context>
     <name>ViewController</name>

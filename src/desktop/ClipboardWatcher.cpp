@@ -60,6 +60,7 @@ void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &por
         connect(engine, &ClipBoardManager::filesOffered, this, [way](bool offered) { way->setOffered(offered); });
         connect(engine, &ClipBoardManager::connectionChanged, this, [way](bool up) { way->setConnected(up); });
         connect(engine, &ClipBoardManager::offerChanged, this, [way](const RemoteOffer &offer) { way->setRemoteOffer(offer); });
+        connect(engine, &ClipBoardManager::copySending, this, [way](const CopySending &sending) { way->setCopySending(sending); });
         way->onPaste([self] {
             if (!self)
                 return;

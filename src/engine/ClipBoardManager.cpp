@@ -50,6 +50,7 @@ ClipBoardManager::ClipBoardManager(const QString &ip, const QString &port, const
     m_listTimer->setSingleShot(true);
     m_listTimer->setInterval(m_replyTimeoutMs);
     connect(m_listTimer, &QTimer::timeout, this, &ClipBoardManager::listTimedOut);
+    m_copy.sendingChanged = [this](const CopySending &sending) { emit copySending(sending); };
 }
 
 // The connection and the file manager hold this engine through a QPointer: once it is

@@ -81,6 +81,8 @@ signals:
     // Files copied on the remote side can be pasted now (true), or no longer (false: a
     // paste of them started, ended, or the copy is gone).
     void filesOffered(bool offered);
+    // The remote side fetches the local copy (done false), or has fetched all of it.
+    void copySending(const CopySending &sending);
     // What the remote clipboard holds: a new copy, a copy gone, or the list of one read.
     void offerChanged(const RemoteOffer &offer);
     // The connection to the remote side is up (true), or lost and being tried again.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CopySending.h"
 #include "RemoteOffer.h"
 
 #include <functional>
@@ -19,4 +20,6 @@ public:
     virtual void setConnected(bool connected) { (void)connected; }
     virtual void setRemoteOffer(const RemoteOffer &offer) { (void)offer; }
     virtual void onQuit(std::function<void()> quit) { (void)quit; }
+    // What the remote side fetches of the local copy.
+    virtual void setCopySending(const CopySending &sending) { (void)sending; }
 };

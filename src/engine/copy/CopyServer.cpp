@@ -124,6 +124,13 @@ void CopyServer::answerDataRequest()
         qCInfo(lcEngine).noquote() << "the list of this copy is sent again as it was described";
     } else {
         m_uploadStreamer.reset(); // a new list: its indexes name other entries
+        m_served.assign(std::size_t(m_offer.uploadCopyQueue().size()), 0);
+        m_sending = CopySending();
+        m_servedBytes = 0, m_started = false;
+        for (const FileSDK::FileDescriptorw &d : m_offer.uploadCopyQueue()) {
+            if (d.dwfileattributes() != kx::wire::folderAttributes)
+                ++m_sending.files, m_sending.bytes += kx::descriptorSize(d);
+        }
         if (lcEngine().isInfoEnabled()) {
             // Handed to the log handler as it is: a QDebug stream or printf formatting would
             // copy a text of tens of MiB for a big offer, and grow it step by step on the way.
@@ -207,5 +214,28 @@ void CopyServer::answerContentRequest(const FileSDK::CliprdrFileContentsRequest 
         sendAnswer(request.streamid(), std::string(), kx::wire::responseFailed);
         return;
     }
+    const std::uint64_t served = data.size();
     sendAnswer(request.streamid(), std::move(data), kx::wire::responseOk);
+    countServed(listIndex, served);
+}
+
+// The offer is sent once every file has been served as many bytes as it has; a range
+// asked for twice counts twice, so a repeat can only make it seem sent a little early.
+void CopyServer::countServed(std::uint32_t listIndex, std::uint64_t bytes)
+{
+    if (listIndex >= m_served.size() || bytes == 0 || m_sending.done)
+        return;
+    const std::uint64_t size = kx::descriptorSize(m_offer.uploadCopyQueue().at(listIndex));
+    const std::uint64_t before = m_served[listIndex];
+    m_served[listIndex] = std::min(size, before + bytes);
+    m_servedBytes += m_served[listIndex] - before;
+    const bool starting = !std::exchange(m_started, true);
+    m_sending.done = m_servedBytes >= m_sending.bytes;
+    if (starting)
+        qCInfo(lcEngine).noquote().nospace() << "the remote side fetches the local copy: " << m_sending.files
+                                             << " files, " << m_sending.bytes << " bytes";
+    if (m_sending.done)
+        qCInfo(lcEngine).noquote() << "the local copy has been sent";
+    if ((starting || m_sending.done) && sendingChanged)
+        sendingChanged(m_sending);
 }

@@ -1,12 +1,14 @@
 #pragma once
 
 #include "CopyOffer.h"
+#include "CopySending.h"
 #include "KXFileStreamOperation.h"
 #include "filesdk.pb.h"
 
 #include <QByteArray>
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -34,6 +36,8 @@ public:
 
     const CopyOffer &offer() const { return m_offer; }
 
+    std::function<void(const CopySending &)> sendingChanged;
+
 private:
     // A file-contents query, or (no value) a request for the file list.
     using Request = std::optional<FileSDK::CliprdrFileContentsRequest>;
@@ -45,6 +49,7 @@ private:
     void sendAnswer(std::uint32_t streamId, std::string data, std::uint32_t msgFlags,
                     std::optional<std::uint32_t> cbRequested = std::nullopt);
     KXFileStreamOperation *uploadStreamerFor(std::uint32_t listIndex);
+    void countServed(std::uint32_t listIndex, std::uint64_t bytes);
 
     FrameSink &m_connection;
     CopyOffer m_offer;
@@ -53,4 +58,9 @@ private:
     // queries of one entry.
     std::unique_ptr<KXFileStreamOperation> m_uploadStreamer;
     std::uint32_t m_uploadStreamerIndex = 0; // of the open file; nothing without one
+    // What the remote side has fetched of the list last described, by entry.
+    std::vector<std::uint64_t> m_served;
+    CopySending m_sending;
+    std::uint64_t m_servedBytes = 0;
+    bool m_started = false;
 };

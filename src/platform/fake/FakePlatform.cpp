@@ -95,6 +95,7 @@ public:
     void onPaste(std::function<void()> paste) override { s.choosePaste = std::move(paste); }
     void setConnected(bool connected) override { s.connected.append(connected); }
     void setRemoteOffer(const RemoteOffer &offer) override { s.offers.append(offer); }
+    void setCopySending(const CopySending &sending) override { s.sendings.append(sending); }
     void onQuit(std::function<void()> quit) override { s.chooseQuit = std::move(quit); }
     FakePlatformState &s;
 };

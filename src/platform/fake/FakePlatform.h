@@ -31,6 +31,7 @@ struct FakePlatformState
     // What a tray is told, in order, and its menu items chosen by the test.
     QList<bool> offered, connected;
     QList<RemoteOffer> offers;
+    QList<CopySending> sendings;
     std::function<void()> choosePaste, chooseQuit;
 
     void copy(const QList<QUrl> &newUrls) { urls = newUrls; ++changeCount; }

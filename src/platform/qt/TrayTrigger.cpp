@@ -13,6 +13,9 @@ TrayTrigger::TrayTrigger()
     m_connection = m_menu->addAction(QString());
     m_connection->setEnabled(false);
     m_offer = m_menu->addAction(QString());
+    m_sending = m_menu->addAction(QString());
+    m_sending->setEnabled(false);
+    m_sending->setVisible(false);
     m_offer->setEnabled(false);
     m_menu->addSeparator();
     m_pasteAction = m_menu->addAction(tr("Paste to folder…"));
@@ -50,6 +53,15 @@ void TrayTrigger::setRemoteOffer(const RemoteOffer &offer)
     update();
 }
 
+void TrayTrigger::setCopySending(const CopySending &sending)
+{
+    const QString what = tr("%1 (%2)").arg(ContentsText::items(sending.files), ContentsText::size(sending.bytes));
+    m_sending->setText(sending.done ? tr("%1 sent to the remote desktop").arg(what)
+                                    : tr("Sending %1 to the remote desktop…").arg(what));
+    m_sending->setVisible(true);
+    update();
+}
+
 void TrayTrigger::update()
 {
     m_connection->setText(m_connected      ? tr("Connected to the remote desktop")
@@ -66,5 +78,5 @@ void TrayTrigger::update()
     else
         m_offer->setText(tr("%1 on the remote clipboard").arg(ContentsText::items(contents->items)));
     m_icon->setToolTip(QStringLiteral(KX_APP_DISPLAY_NAME "\n") + m_connection->text() + QLatin1Char('\n')
-                       + m_offer->text());
+                       + m_offer->text() + (m_sending->isVisible() ? QLatin1Char('\n') + m_sending->text() : QString()));
 }

@@ -22,6 +22,7 @@ public:
     void setConnected(bool connected) override;
     void setRemoteOffer(const RemoteOffer &offer) override;
     void onQuit(std::function<void()> quit) override { m_quit = std::move(quit); }
+    void setCopySending(const CopySending &sending) override;
 
 private:
     void update();
@@ -30,6 +31,7 @@ private:
     QSystemTrayIcon *m_icon = nullptr;
     QAction *m_connection = nullptr;
     QAction *m_offer = nullptr;
+    QAction *m_sending = nullptr; // shown once the remote side fetches a local copy
     QAction *m_pasteAction = nullptr;
     bool m_connected = false;
     bool m_wasConnected = false; // failed attempts before the first connection lose nothing
