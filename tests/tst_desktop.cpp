@@ -7,6 +7,7 @@
 #include "LogCapture.h"
 #include "PasteEndText.h"
 #include "Translations.h"
+#include "TransferRate.h"
 #include "ViewController.h"
 
 #include "linux/NotificationTrigger.h"
@@ -81,7 +82,10 @@ private slots:
 
 private:
     void start(const QStringList &extra = {});
-    void serve(const QTemporaryDir &dest, int files, const QString &stem = "f");
+    void serve(const QTemporaryDir &dest, int files, const QString &stem, int closing = 0);
+    QString lines() const;
+    bool fits() const;
+    QStringList shown; // the window's lines at each report of a paste, then with the end alert up
     FakePlatformState state;
     std::unique_ptr<Platform> platform;
     LoopbackFrameSink sink;
@@ -327,13 +331,23 @@ void TestDesktop::windowAndAlerts()
     controller->handlePasteProgress(0.8738133333333333);
     QTRY_VERIFY(controller->isVisible());
     const QString none = QLocale().formattedDataSize(0);
-    QCOMPARE(controller->detailLabel()->text(), "\n" + none + " of " + none); // no paste: no name, nothing saved
-    QCOMPARE(controller->size(), QSize(400, 200));
-    QVERIFY(!controller->stopBtn()->isHidden() && !controller->progressIndicator()->isHidden()
-            && controller->stopBtn()->geometry() == ViewController::stopButtonArea
-            && controller->progressIndicator()->geometry() == ViewController::progressArea);
+    QCOMPARE(lines(), "87% — Receiving files|87%|||File 0 of 0 — " + none + " of " + none); // no paste: nothing named
+    QVERIFY(controller->size().expandedTo({400, 200}) == controller->size() && fits());
     QCOMPARE(controller->progressIndicator()->value(), 8738);
     QVERIFY(log.contains("Progress: 0.8738133333333333")); // every digit, as a double reads back
+    // The speed of the last five seconds, from one second on: 10 MB/s, then 1 MB/s alone.
+    TransferRate rate;
+    for (std::int64_t ms = 0; ms <= 10000; ms += 500) {
+        rate.add(ms, ms <= 5000 ? ms * 10000 : 50000000 + (ms - 5000) * 1000);
+        QCOMPARE(rate.bytesPerSecond().has_value(), ms >= 1000);
+    }
+    QCOMPARE(rate.bytesPerSecond(), std::optional(1000000.0));
+    // The window's ×: asked first; kept pasting, then stopped.
+    state.alertAnswers = {1001, 1000};
+    for (const bool stops : {false, true}) {
+        QVERIFY(!controller->close() && controller->isVisible() != stops && log.contains("click stop") == stops);
+        QVERIFY(state.alerts.takeLast().buttons == (QStringList{"Stop", "Keep pasting"}) && state.alerts.isEmpty());
+    }
     controller->handlePasteFinished(false, ClipBoardError::cancelDownload);
     QVERIFY(log.contains("eror:cancelDownload"));
     QTRY_COMPARE(state.alerts.size(), 1);
@@ -361,8 +375,9 @@ void TestDesktop::windowAndAlerts()
 }
 
 // The remote side's part of a paste of these files, each of 300000 bytes, into dest:
-// the list offered, every query answered.
-void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &stem)
+// the list offered, every query answered. closing: the answer to the window's × at the
+// first report (0: not pressed).
+void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &stem, int closing)
 {
     auto *chooser = new ScriptedChooser;
     chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
@@ -374,18 +389,50 @@ void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &ste
     QCOMPARE(sink.sent.size(), std::min(files, controller->window())); // the sizes asked for at once
     controller->handlePasteProgress(0.0);
     QTRY_VERIFY(controller->isVisible());
-    const QString shown = controller->detailLabel()->text().section('\n', 0, 0); // the first file's name, fitted
-    QVERIFY(controller->detailLabel()->fontMetrics().horizontalAdvance(shown) <= ViewController::detailArea.width());
-    QVERIFY2(shown == stem + "0" || (stem.size() > 60 && shown.contains(QChar(0x2026))), qPrintable(shown));
+    shown = QStringList{lines()};
+    state.alerts.clear();
+    bool closed = !closing;
+    state.alertAnswers = closing ? QList<int>{closing, 1001} : QList<int>{1001}; // the end alert: Open folder
+    state.duringAlert = [this] { shown.append(lines() + "|" + controller->detailLabels().last()->text()); };
     while (!sink.sent.isEmpty()) {
         const Query q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1)).value();
         const QByteArray answer = answerFor(q, pattern(300000, int(q.listindex())));
         sink.deliver(kx::encodeFrame(kx::makeContentsAnswer(q.streamid(), answer.toStdString()), FrameType::fileContentsResponse));
+        QCoreApplication::processEvents();
+        if (controller->isVisible()) { // else it has ended, its alert answered
+            QVERIFY(fits());
+            shown.append(lines());
+        }
+        if (!std::exchange(closed, true))
+            QVERIFY(!controller->close());
     }
-    QTRY_COMPARE(state.alerts.size(), 1);
-    QCOMPARE(state.alerts.first().message, QStringLiteral("下载成功"));
-    for (int i = 0; i < files; ++i)
-        QCOMPARE(readFile(dest.filePath(stem + QString::number(i))), pattern(300000, i));
+    const bool stopped = closing == 1000;
+    QTRY_COMPARE(state.alerts.last().message, stopped ? "下载失败错误原因：cancelDownload" : "下载成功");
+    state.duringAlert = nullptr;
+    for (int i = 0; i < files && !stopped; ++i)
+        QCOMPARE(readFile(dest.filePath(QString(stem).replace('\\', '/') + QString::number(i))), pattern(300000, i));
+    QVERIFY(!stopped || treeOf(dest.path()).isEmpty());
+}
+
+// The progress window's title, bar and lines, the speed's aside: what a paste shows at a moment.
+QString TestDesktop::lines() const
+{
+    const QProgressBar *bar = controller->progressIndicator();
+    QStringList texts{controller->windowTitle(), bar->isVisible() ? bar->text() : "no bar"};
+    for (const QLabel *label : controller->detailLabels().first(3))
+        texts.append(label->text());
+    return texts.join('|');
+}
+
+// Each text whole within the window, in its font at this scale.
+bool TestDesktop::fits() const
+{
+    for (const QLabel *label : controller->detailLabels())
+        if (label->fontMetrics().horizontalAdvance(label->text()) > label->contentsRect().width()
+            || label->height() < label->fontMetrics().height() || !controller->rect().contains(label->geometry()))
+            return false;
+    const QPushButton *stop = controller->stopBtn();
+    return stop->size().expandedTo(stop->sizeHint()) == stop->size() && controller->rect().contains(stop->geometry());
 }
 
 // Ctrl+V to the alert, through the watcher's wrappers and the window argument.
@@ -398,18 +445,23 @@ void TestDesktop::pasteThroughCtrlV()
     state.press(true, "v");
     QCOMPARE(sink.sent.size(), 1);
     sink.sent.clear();
-    state.alertAnswers = {1001};
-    serve(dest, 3, QString(120, 'n'));
-    QVERIFY(log.contains("当前的百分比：1.0") && log.contains("Progress: 1.0"));
+    serve(dest, 3, QString(120, 'n'), 1001); // the × at the first report: asked, and the paste went on
+    QVERIFY(log.contains("当前的百分比：1.0") && log.contains("Progress: 1.0") && state.alerts.first().message == "Stop this paste?");
+    QVERIFY2(shown.at(1).section('|', 2, 2).startsWith("nnnn") && shown.at(1).contains(QChar(0x2026))
+             && shown.last().contains("|File 3 of 3 — "), qPrintable(shown.join('\n')));
     // The alert says what was saved and where, and opens the folder on request.
-    QCOMPARE(state.alerts.first().informative,
+    QCOMPARE(state.alerts.last().informative,
              QStringLiteral("3 files (%1) were saved in “%2”.").arg(QLocale().formattedDataSize(900000), QDir(dest.path()).dirName()));
-    QVERIFY(state.alerts.first().buttons == QStringList({"ok", "Open folder"})
+    QVERIFY(state.alerts.last().buttons == QStringList({"ok", "Open folder"})
             && state.openedUrls == QList<QUrl>{QUrl::fromLocalFile(dest.path())});
     // What a tray is told: the connection, the copy and, once a paste has read its list,
     // what it holds; and when it can be pasted.
     QCOMPARE(state.offers, (QList<RemoteOffer>{{true, {}}, {true, PasteContents{3, 900000}}}));
     QVERIFY(state.connected == QList<bool>{true} && state.offered == (QList<bool>{true, false, true}));
+    QTemporaryDir again; // the same remote copy, stopped by the ×: nothing is left
+    state.press(true, "v");
+    sink.sent.clear();
+    serve(again, 3, QString(120, 'n'), 1000);
     // Quit while a paste runs: the paste ends as Stop ends it, and its half-written file goes.
     state.choosePaste();
     FileSDK::MacCliprdrFormatDataResponse list;
@@ -422,10 +474,10 @@ void TestDesktop::pasteThroughCtrlV()
                                      FrameType::fileContentsResponse));
     }
     const QDir::Filters hidden = QDir::Files | QDir::Hidden;
-    QCOMPARE(QDir(dest.path()).entryList(hidden).size(), 4);
+    QCOMPARE(QDir(again.path()).entryList(hidden).size(), 1);
     state.chooseQuit();
     QVERIFY(state.quits == 1 && log.contains("Quit chosen") && log.contains("eror:cancelDownload"));
-    QCOMPARE(QDir(dest.path()).entryList(hidden).size(), 3);
+    QCOMPARE(QDir(again.path()).entryList(hidden).size(), 0);
     sink.lose();
     QVERIFY(state.connected == (QList<bool>{true, false}) && state.offers.last() == RemoteOffer{});
 }
@@ -514,7 +566,13 @@ void TestDesktop::pasteFromTheNotification()
     QTRY_COMPARE(sink.sent.size(), 1); // the format data request, as Ctrl+V sends it
     QCOMPARE(sink.sent.takeFirst().back(), char(3));
     QTRY_COMPARE(service.closed, QList<uint>{44}); // withdrawn as the paste starts
-    serve(dest, 1);
+    serve(dest, 3, "Project Files\\f");
+    const auto at = [&](int percent, int file, qint64 saved) {
+        return QString("%1% — Receiving files|%1%|Project Files/f%2|to %3|File %4 of 3 — %5 of %6").arg(percent).arg(file).arg(dest.path())
+            .arg(file + 1).arg(QLocale().formattedDataSize(saved), QLocale().formattedDataSize(900000));
+    };
+    QVERIFY2(shown.contains(at(29, 0, 262144)) && shown.contains(at(62, 1, 562144)), qPrintable(shown.join('\n')));
+    QCOMPARE(shown.last(), at(100, 2, 900000) + "|Done"); // the end alert up
     bus.kill();
     bus.waitForFinished();
 }

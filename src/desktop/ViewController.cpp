@@ -5,15 +5,27 @@
 #include "LogText.h"
 #include "PasteEndText.h"
 
+#include <QApplication>
+#include <QCloseEvent>
+#include <QGridLayout>
 #include <QLabel>
 #include <QLocale>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QTimer>
+
+#include <cmath>
 
 namespace {
 
 constexpr int barSteps = 10000; // the bar is integer; the fraction maps onto this many steps
+constexpr int cornerGap = 48;   // between the window and the screen's corner, its frame included
+
+void setElided(QLabel *label, const QString &text, Qt::TextElideMode mode)
+{
+    label->setText(label->fontMetrics().elidedText(text, mode, label->contentsRect().width()));
+}
 
 } // namespace
 
@@ -23,21 +35,46 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
     , m_platform(platform)
     , m_watcher(new ClipboardWatcher(platform, engineContext, hostAppId, this))
 {
-    setWindowTitle(tr("%1: receiving files").arg(platform.services->applicationName()));
+    setWindowTitle(tr("Receiving files"));
     // A background agent's window: it is shown and raised, but the keyboard stays with
     // the application the user types into, and no key typed there can press Stop.
     setAttribute(Qt::WA_ShowWithoutActivating);
     setWindowFlag(Qt::WindowDoesNotAcceptFocus);
-    setFixedSize(contentWidth, contentHeight);
-    // Fixed places in a fixed window: the Stop button is where a script expects to click.
-    m_detail = new QLabel(this);
-    m_detail->setGeometry(detailArea);
+    m_file = new QLabel(this);
+    QFont bold = m_file->font();
+    bold.setBold(true);
+    m_file->setFont(bold);
+    m_folder = new QLabel(this);
+    m_count = new QLabel(this);
+    m_rate = new QLabel(this);
     m_progressIndicator = new QProgressBar(this);
-    m_progressIndicator->setGeometry(progressArea);
     m_stopBtn = new QPushButton(tr("Stop"), this);
     m_stopBtn->setFocusPolicy(Qt::NoFocus);
-    m_stopBtn->setGeometry(stopButtonArea);
     connect(m_stopBtn, &QPushButton::clicked, this, &ViewController::clickStopPasteBtn);
+
+    // Paths give way in their middle to the window's width; the other lines make it.
+    for (QLabel *path : {m_file, m_folder})
+        path->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    auto *grid = new QGridLayout(this);
+    grid->addWidget(m_file, 0, 0, 1, 2);
+    grid->addWidget(m_folder, 1, 0, 1, 2);
+    grid->addWidget(m_progressIndicator, 2, 0, 1, 2);
+    grid->addWidget(m_count, 3, 0, 1, 2);
+    grid->addWidget(m_rate, 4, 0, 1, 2);
+    grid->setRowStretch(5, 1);
+    grid->addWidget(m_stopBtn, 6, 1);
+    grid->setColumnStretch(0, 1);
+    // Sized once, in this font at this scale, for the longest lines a paste can show.
+    const QLocale locale;
+    const QString most = locale.formattedDataSize(Q_INT64_C(999) << 30);
+    m_file->setText(QStringLiteral("/"));
+    m_folder->setText(QStringLiteral("/"));
+    m_count->setText(tr("File %1 of %2 — %3 of %4").arg(locale.toString(999999), locale.toString(1000000), most, most));
+    m_rate->setText(tr("%1 — %2 h %3 min left").arg(tr("%1/s").arg(most)).arg(99).arg(59));
+    setFixedSize(QSize(contentWidth, contentHeight).expandedTo(grid->minimumSize()));
+    grid->activate();
+    for (QLabel *label : detailLabels())
+        label->clear();
 }
 
 void ViewController::viewDidLoad(const QStringList &arguments)
@@ -73,39 +110,87 @@ void ViewController::setBarValue(double progress)
 
 void ViewController::hideWindow()
 {
-    setFixedSize(contentWidth, contentHeight);
     hide();
     setBarValue(0.0);
 }
 
 void ViewController::showWindow()
 {
-    setFixedSize(contentWidth, contentHeight);
+    if (!isVisible()) {
+        // Away from the middle of the screen, where alerts and questions open: the window
+        // stays readable beside them.
+        const QRect area = screen()->availableGeometry();
+        move(area.right() - width() - cornerGap, area.bottom() - height() - cornerGap);
+    }
     show();
-    raise();
+    if (!QApplication::activeModalWidget()) // raised above a question, it would hide it
+        raise();
 }
 
-void ViewController::updateDetail()
+// Read when the report comes: by the time the window shows it, the paste may have ended.
+ViewController::Figures ViewController::takeFigures()
 {
     const ClipBoardManager *engine = m_watcher->clipManager();
     if (!engine)
-        return;
+        return m_shown;
+    if (const std::size_t number = engine->currentFileNumber()) {
+        m_shown.number = number;
+        m_shown.path = engine->currentFileLocalPath();
+    }
+    m_shown.folder = engine->pasteFolder();
+    m_shown.count = engine->fileCount();
+    m_shown.saved = engine->savedBytes();
+    m_shown.total = engine->totalBytes();
+    return m_shown;
+}
+
+void ViewController::showFigures(const Figures &figures, double progress)
+{
     const QLocale locale;
-    // A remote name may be as long as a path: its middle gives way, never the line below.
-    const QString name = m_detail->fontMetrics().elidedText(engine->currentFileName(), Qt::ElideMiddle, detailArea.width());
-    m_detail->setText(tr("%1\n%2 of %3")
-                          .arg(name, locale.formattedDataSize(qint64(engine->savedBytes())),
-                               locale.formattedDataSize(qint64(engine->totalBytes()))));
+    setWindowTitle(tr("%1% — Receiving files").arg(int(std::clamp(progress, 0.0, 1.0) * 100)));
+    m_speed.add(m_clock.elapsed(), figures.saved);
+    setElided(m_file, figures.path, Qt::ElideMiddle);
+    setElided(m_folder, figures.folder.isEmpty() ? QString() : tr("to %1").arg(figures.folder), Qt::ElideMiddle);
+    setElided(m_count,
+              tr("File %1 of %2 — %3 of %4")
+                  .arg(locale.toString(qulonglong(figures.number)), locale.toString(qulonglong(figures.count)),
+                       locale.formattedDataSize(qint64(figures.saved)), locale.formattedDataSize(qint64(figures.total))),
+              Qt::ElideRight);
+    setElided(m_rate, speedText(figures.total - std::min(figures.saved, figures.total)), Qt::ElideRight);
+}
+
+QString ViewController::speedText(std::uint64_t left) const
+{
+    const std::optional<double> rate = m_speed.bytesPerSecond();
+    if (!rate)
+        return tr("Estimating the time left…");
+    const QString speed = tr("%1/s").arg(QLocale().formattedDataSize(qint64(*rate)));
+    if (*rate < 1)
+        return speed; // stalled: no time can be told
+    const auto seconds = std::int64_t(std::ceil(double(left) / *rate));
+    if (seconds < 60)
+        return tr("%1 — %2 s left").arg(speed).arg(seconds);
+    const std::int64_t minutes = (seconds + 59) / 60;
+    if (minutes < 60)
+        return tr("%1 — %2 min left").arg(speed).arg(minutes);
+    return tr("%1 — %2 h %3 min left").arg(speed).arg(minutes / 60).arg(minutes % 60);
 }
 
 void ViewController::handlePasteProgress(double progress)
 {
-    QMetaObject::invokeMethod(this, [this, progress] {
+    const Figures figures = takeFigures();
+    QMetaObject::invokeMethod(this, [this, progress, figures] {
+        if (!m_pasting) {
+            m_pasting = true;
+            m_stopBtn->setEnabled(true);
+            m_speed.clear();
+            m_clock.start();
+        }
         showWindow();
         m_progressIndicator->setHidden(false);
         m_stopBtn->setHidden(false);
         setBarValue(progress);
-        updateDetail();
+        showFigures(figures, progress);
         qCInfo(lcDesktop).noquote().nospace() << "Progress: " << kx::decimalText(progress);
     }, Qt::QueuedConnection);
 }
@@ -115,24 +200,34 @@ void ViewController::handlePasteFinished(bool success, ClipBoardError error)
     // Read now: by the time the alert shows, another paste may have ended.
     const ClipBoardManager *engine = m_watcher->clipManager();
     const PasteReport report = engine ? engine->lastPasteReport() : PasteReport();
+    m_shown = {};
     if (success) {
         qCInfo(lcDesktop).noquote() << "所有文件粘贴成功";
         QMetaObject::invokeMethod(this, [this, report] {
-            m_progressIndicator->setHidden(true);
-            m_stopBtn->setHidden(true);
-            showAlert(QStringLiteral("下载成功"), PasteEndText::text(true, report), report);
-            hideWindow();
+            showEnd(QStringLiteral("下载成功"), PasteEndText::text(true, report), report, tr("Done"));
         }, Qt::QueuedConnection);
         return;
     }
     const QString name = clipBoardErrorName(error);
     qCInfo(lcDesktop).noquote().nospace() << "eror:" << name;
     QMetaObject::invokeMethod(this, [this, name, report] {
-        m_progressIndicator->setHidden(true);
-        showAlert(QStringLiteral("下载失败错误原因：") + name, PasteEndText::text(false, report), report);
-        m_stopBtn->setHidden(true);
-        hideWindow();
+        showEnd(QStringLiteral("下载失败错误原因：") + name, PasteEndText::text(false, report), report, tr("Not completed"));
     }, Qt::QueuedConnection);
+}
+
+// What the window last showed stays readable beside the alert; it goes once the alert
+// is answered.
+void ViewController::showEnd(const QString &message, const QString &informative, const PasteReport &report,
+                             const QString &outcome)
+{
+    m_pasting = false;
+    ++m_ends;
+    m_stopBtn->setEnabled(false);
+    setElided(m_rate, outcome, Qt::ElideRight);
+    showAlert(message, informative, report);
+    m_progressIndicator->setHidden(true);
+    m_stopBtn->setHidden(true);
+    hideWindow();
 }
 
 // The described message, what happened in words, and the folder a button away when
@@ -153,4 +248,18 @@ void ViewController::clickStopPasteBtn()
     if (ClipBoardManager *engine = m_watcher->clipManager())
         engine->setPasteStatus(ClipBoardManager::PasteStatus::cancel);
     hideWindow();
+}
+
+// Closing the window would leave a paste running unseen: it is a way to stop, asked first.
+void ViewController::closeEvent(QCloseEvent *event)
+{
+    event->ignore();
+    if (!m_pasting)
+        return hideWindow();
+    const int ends = m_ends;
+    const int answer = m_platform.alerts->runModal(
+        tr("Stop this paste?"), tr("Files already complete stay in the folder; the one being written is removed."),
+        {tr("Stop"), tr("Keep pasting")});
+    if (answer == 1000 && ends == m_ends) // not if the paste ended while the question was up
+        clickStopPasteBtn();
 }

@@ -2,17 +2,21 @@
 
 #include "ClipBoardError.h"
 #include "ClipboardWatcher.h"
+#include "TransferRate.h"
 
+#include <QElapsedTimer>
 #include <QPointer>
-#include <QRect>
 #include <QWidget>
+
+#include <cstdint>
 
 class QLabel;
 class QProgressBar;
 class QPushButton;
 
-// The one window: a progress bar, the current file and a stop button, shown while a
-// paste from the remote side runs, and the alert that tells how it ended.
+// The one window, shown while a paste from the remote side runs: where the current file
+// goes, how far the paste is and how fast, and a stop button; and the alert that tells
+// how the paste ended.
 class ViewController : public QWidget
 {
     Q_OBJECT
@@ -20,9 +24,6 @@ public:
     static constexpr int contentWidth = 400;
     static constexpr int contentHeight = 200;
     static constexpr int hideDelayMs = 500;
-    static constexpr QRect detailArea{20, 20, 360, 56};
-    static constexpr QRect progressArea{20, 88, 360, 24};
-    static constexpr QRect stopButtonArea{150, 136, 100, 36};
 
     ViewController(Platform &platform, EngineContext engineContext, const QString &hostAppId,
                    QWidget *parent = nullptr);
@@ -35,7 +36,8 @@ public:
     ClipboardWatcher *watcher() const { return m_watcher; }
     QProgressBar *progressIndicator() const { return m_progressIndicator; }
     QPushButton *stopBtn() const { return m_stopBtn; }
-    QLabel *detailLabel() const { return m_detail; }
+    // From the top: the file, its folder, file k of n with the bytes, speed and time left.
+    QList<QLabel *> detailLabels() const { return {m_file, m_folder, m_count, m_rate}; }
     const QString &ipAdress() const { return m_ipAdress; }
     const QString &port() const { return m_port; }
     const QString &token() const { return m_token; }
@@ -43,23 +45,49 @@ public:
     int window() const { return m_window; }
     const CertificatePin &pin() const { return m_pin; }
 
+protected:
+    void closeEvent(QCloseEvent *event) override;
+
 private:
+    // What the engine tells of the paste at a progress report.
+    struct Figures
+    {
+        QString path;
+        QString folder;
+        std::size_t number = 0;
+        std::size_t count = 0;
+        std::uint64_t saved = 0;
+        std::uint64_t total = 0;
+    };
+
     void resetProgressControls();
     void hideWindow();
     void showWindow();
     void showAlert(const QString &message, const QString &informative, const PasteReport &report);
     void setBarValue(double progress);
-    void updateDetail();
+    Figures takeFigures();
+    void showFigures(const Figures &figures, double progress);
+    QString speedText(std::uint64_t left) const;
+    void showEnd(const QString &message, const QString &informative, const PasteReport &report, const QString &outcome);
 
     Platform &m_platform;
     ClipboardWatcher *m_watcher = nullptr;
     QProgressBar *m_progressIndicator = nullptr;
     QPushButton *m_stopBtn = nullptr;
-    QLabel *m_detail = nullptr;
+    QLabel *m_file = nullptr;
+    QLabel *m_folder = nullptr;
+    QLabel *m_count = nullptr;
+    QLabel *m_rate = nullptr;
     QString m_ipAdress;
     QString m_port;
     QString m_token;
     QString m_cid;
     int m_window = 1;
     CertificatePin m_pin;
+
+    Figures m_shown;        // the last file named stays named while none is current
+    bool m_pasting = false; // from a paste's first report to its end
+    int m_ends = 0;         // pastes ended: a question answered after the end stops nothing
+    QElapsedTimer m_clock;
+    TransferRate m_speed;
 };

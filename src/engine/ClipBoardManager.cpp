@@ -296,6 +296,26 @@ std::uint64_t ClipBoardManager::totalBytes() const
     return m_paste ? m_paste->downloadTotalSize() : 0;
 }
 
+QString ClipBoardManager::currentFileLocalPath() const
+{
+    return m_paste ? m_paste->currentFileLocalPath() : QString();
+}
+
+std::size_t ClipBoardManager::currentFileNumber() const
+{
+    return m_paste ? m_paste->currentFileNumber() : 0;
+}
+
+std::size_t ClipBoardManager::fileCount() const
+{
+    return m_paste ? m_paste->fileCount() : 0;
+}
+
+QString ClipBoardManager::pasteFolder() const
+{
+    return m_paste ? m_paste->basePath() : QString();
+}
+
 bool ClipBoardManager::pasteRunning() const
 {
     return m_paste && m_paste->running();

@@ -76,6 +76,10 @@ public:
     QString currentFileName() const;
     std::uint64_t savedBytes() const;
     std::uint64_t totalBytes() const;
+    QString currentFileLocalPath() const;
+    std::size_t currentFileNumber() const;
+    std::size_t fileCount() const;
+    QString pasteFolder() const;
 
 signals:
     // Files copied on the remote side can be pasted now (true), or no longer (false: a

@@ -79,6 +79,12 @@ QString PasteSession::currentFileName() const
     return m_ended || m_head >= m_next ? QString() : QString::fromStdString(m_active.front().descriptor.cfilename());
 }
 
+QString PasteSession::currentFileLocalPath() const
+{
+    const QString name = currentFileName();
+    return name.isEmpty() ? name : kx::remoteComponents(stagedName(name)).join(QLatin1Char('/'));
+}
+
 void PasteSession::start()
 {
     m_slice.start();

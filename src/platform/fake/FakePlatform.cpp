@@ -66,6 +66,8 @@ public:
     int runModal(const QString &message, const QString &informative, const QStringList &buttons) override
     {
         s.alerts.append({message, informative, buttons});
+        if (s.duringAlert)
+            s.duringAlert();
         return s.alertAnswers.isEmpty() ? 1000 : s.alertAnswers.takeFirst();
     }
     FakePlatformState &s;

@@ -23,6 +23,7 @@ struct FakePlatformState
     struct Alert { QString message; QString informative; QStringList buttons; };
     QList<Alert> alerts;
     QList<int> alertAnswers; // taken in order; 1000 when empty
+    std::function<void()> duringAlert; // runs while an alert is up, as a modal one lets events run
     QList<QUrl> openedUrls;
     bool hostRunning = true;
     QStringList hostQueries;
