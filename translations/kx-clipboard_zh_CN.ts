@@ -210,22 +210,68 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
 <context>
     <name>ViewController</name>
     <message>
-        <source>%1: receiving files</source>
-        <translation>%1：正在接收文件</translation>
-    </message>
-    <message>
         <source>Stop</source>
         <translation>停止</translation>
     </message>
     <message>
-        <source>%1
-%2 of %3</source>
-        <translation>%1
-%2 / %3</translation>
-    </message>
-    <message>
         <source>Open folder</source>
         <translation>打开文件夹</translation>
+    </message>
+    <message>
+        <source>Receiving files</source>
+        <translation>正在接收文件</translation>
+    </message>
+    <message>
+        <source>File %1 of %2 — %3 of %4</source>
+        <translation>第 %1 个文件，共 %2 个 — %3 / %4</translation>
+    </message>
+    <message>
+        <source>%1 — %2 h %3 min left</source>
+        <translation>%1 — 剩余 %2 小时 %3 分钟</translation>
+    </message>
+    <message>
+        <source>%1/s</source>
+        <translation>%1/秒</translation>
+    </message>
+    <message>
+        <source>%1% — Receiving files</source>
+        <translation>%1% — 正在接收文件</translation>
+    </message>
+    <message>
+        <source>to %1</source>
+        <translation>保存到 %1</translation>
+    </message>
+    <message>
+        <source>Estimating the time left…</source>
+        <translation>正在估算剩余时间…</translation>
+    </message>
+    <message>
+        <source>%1 — %2 s left</source>
+        <translation>%1 — 剩余 %2 秒</translation>
+    </message>
+    <message>
+        <source>%1 — %2 min left</source>
+        <translation>%1 — 剩余 %2 分钟</translation>
+    </message>
+    <message>
+        <source>Done</source>
+        <translation>完成</translation>
+    </message>
+    <message>
+        <source>Not completed</source>
+        <translation>未完成</translation>
+    </message>
+    <message>
+        <source>Stop this paste?</source>
+        <translation>要停止此次粘贴吗？</translation>
+    </message>
+    <message>
+        <source>Files already complete stay in the folder; the one being written is removed.</source>
+        <translation>已完成的文件会留在文件夹中；正在写入的文件将被删除。</translation>
+    </message>
+    <message>
+        <source>Keep pasting</source>
+        <translation>继续粘贴</translation>
     </message>
 </context>
 </TS>
