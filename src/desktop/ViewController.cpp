@@ -133,14 +133,11 @@ ViewController::Figures ViewController::takeFigures()
     const ClipBoardManager *engine = m_watcher->clipManager();
     if (!engine)
         return m_shown;
-    if (const std::size_t number = engine->currentFileNumber()) {
-        m_shown.number = number;
-        m_shown.path = engine->currentFileLocalPath();
-    }
-    m_shown.folder = engine->pasteFolder();
-    m_shown.count = engine->fileCount();
-    m_shown.saved = engine->savedBytes();
-    m_shown.total = engine->totalBytes();
+    const PasteFigures now = engine->pasteFigures();
+    if (now.number) // between two files the last one named stays named
+        m_shown = now;
+    else
+        m_shown.folder = now.folder, m_shown.count = now.count, m_shown.saved = now.saved, m_shown.total = now.total;
     return m_shown;
 }
 

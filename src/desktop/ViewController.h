@@ -50,15 +50,7 @@ protected:
 
 private:
     // What the engine tells of the paste at a progress report.
-    struct Figures
-    {
-        QString path;
-        QString folder;
-        std::size_t number = 0;
-        std::size_t count = 0;
-        std::uint64_t saved = 0;
-        std::uint64_t total = 0;
-    };
+    using Figures = PasteFigures;
 
     void resetProgressControls();
     void hideWindow();

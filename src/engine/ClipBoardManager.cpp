@@ -281,39 +281,9 @@ void ClipBoardManager::handleContentResponse(const QByteArray &payload)
     m_paste->handleContentResponse(*reply);
 }
 
-QString ClipBoardManager::currentFileName() const
+PasteFigures ClipBoardManager::pasteFigures() const
 {
-    return m_paste ? m_paste->currentFileName() : QString();
-}
-
-std::uint64_t ClipBoardManager::savedBytes() const
-{
-    return m_paste ? m_paste->alreadySavedTotalSize() : 0;
-}
-
-std::uint64_t ClipBoardManager::totalBytes() const
-{
-    return m_paste ? m_paste->downloadTotalSize() : 0;
-}
-
-QString ClipBoardManager::currentFileLocalPath() const
-{
-    return m_paste ? m_paste->currentFileLocalPath() : QString();
-}
-
-std::size_t ClipBoardManager::currentFileNumber() const
-{
-    return m_paste ? m_paste->currentFileNumber() : 0;
-}
-
-std::size_t ClipBoardManager::fileCount() const
-{
-    return m_paste ? m_paste->fileCount() : 0;
-}
-
-QString ClipBoardManager::pasteFolder() const
-{
-    return m_paste ? m_paste->basePath() : QString();
+    return m_paste ? m_paste->figures() : PasteFigures();
 }
 
 bool ClipBoardManager::pasteRunning() const

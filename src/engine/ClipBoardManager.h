@@ -4,6 +4,7 @@
 #include "FrameHandler.h"
 #include "FrameType.h"
 #include "KXFileManagerDelegate.h"
+#include "PasteFigures.h"
 #include "PasteReport.h"
 #include "PastedError.h"
 #include "RemoteOffer.h"
@@ -72,14 +73,8 @@ public:
     const PasteReport &lastPasteReport() const { return m_lastReport; }
     void setReplyTimeout(int ms);
 
-    // What the progress window shows besides the bar.
-    QString currentFileName() const;
-    std::uint64_t savedBytes() const;
-    std::uint64_t totalBytes() const;
-    QString currentFileLocalPath() const;
-    std::size_t currentFileNumber() const;
-    std::size_t fileCount() const;
-    QString pasteFolder() const;
+    // What the progress window shows besides the bar; nothing before the first paste.
+    PasteFigures pasteFigures() const;
 
 signals:
     // Files copied on the remote side can be pasted now (true), or no longer (false: a

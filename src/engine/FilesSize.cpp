@@ -35,8 +35,7 @@ std::optional<std::uint64_t> entrySize(google::protobuf::io::CodedInputStream &i
     }
     if (!in.ConsumedEntireMessage())
         return std::nullopt;
-    const bool folder = attributes == kx::wire::folderAttributes || attributes == kx::wire::folderAttributesNotIndexed;
-    return folder ? 0 : (std::uint64_t(high) << 32 | low);
+    return kx::wire::isFolderAttributes(attributes) ? 0 : (std::uint64_t(high) << 32 | low);
 }
 
 } // namespace

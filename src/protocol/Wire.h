@@ -29,6 +29,11 @@ constexpr const char *contentsFormatName = "FileContents";
 constexpr std::uint32_t folderAttributes = 0x10;
 constexpr std::uint32_t folderAttributesNotIndexed = 0x2010;
 constexpr std::uint32_t normalAttributes = 0x80;
+// A pasted entry is a folder for exactly these two values; any other is fetched as a file.
+constexpr bool isFolderAttributes(std::uint32_t attributes)
+{
+    return attributes == folderAttributes || attributes == folderAttributesNotIndexed;
+}
 
 // FileDescriptorw.dwFlags: FD_ATTRIBUTES | FD_WRITESTIME | FD_PROGRESSUI, as this side
 // writes them; FD_WRITESTIME alone says the last-write time is valid.

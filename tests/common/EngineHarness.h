@@ -133,7 +133,7 @@ public:
     void reopen() { sink.open(), sink.sent.clear(); }
     void paste()
     {
-        engine->startPaste([this](double value) { progress.append(value), shownNames.append(engine->currentFileName()); },
+        engine->startPaste([this](double value) { progress.append(value), shownNames.append(engine->pasteFigures().name); },
                            [this](bool ok, PastedError error) { ends.append({ok, error}), statusAtEnd = engine->pasteStatus(); });
     }
 

@@ -29,9 +29,7 @@ const char *const rangeRetrySent = "send requestContentRequestType3 success";
 
 bool isFolder(const FileSDK::FileDescriptorw &d)
 {
-    // Only these two exact values are folders; any other entry is fetched as a file.
-    return d.dwfileattributes() == kx::wire::folderAttributes
-        || d.dwfileattributes() == kx::wire::folderAttributesNotIndexed;
+    return kx::wire::isFolderAttributes(d.dwfileattributes());
 }
 
 // The descriptor's last-write time, if it carries one a file can be given: a time of 0,
@@ -74,15 +72,18 @@ PasteSession::~PasteSession()
     *m_alive = false;
 }
 
-QString PasteSession::currentFileName() const
+PasteFigures PasteSession::figures() const
 {
-    return m_ended || m_head >= m_next ? QString() : QString::fromStdString(m_active.front().descriptor.cfilename());
-}
-
-QString PasteSession::currentFileLocalPath() const
-{
-    const QString name = currentFileName();
-    return name.isEmpty() ? name : kx::remoteComponents(stagedName(name)).join(QLatin1Char('/'));
+    PasteFigures figures;
+    figures.folder = m_pasteBasePath;
+    figures.count = m_files.size();
+    figures.saved = m_alreadySavedTotalSize, figures.total = m_downloadTotalSize;
+    if (!m_ended && m_head < m_next) {
+        figures.name = QString::fromStdString(m_active.front().descriptor.cfilename());
+        figures.path = shownName(m_active.front());
+        figures.number = m_head + 1;
+    }
+    return figures;
 }
 
 void PasteSession::start()

@@ -3,6 +3,7 @@
 #include "DescriptorList.h"
 #include "KXFileStreamOperation.h"
 #include "PasteTarget.h"
+#include "PasteFigures.h"
 #include "PasteReport.h"
 #include "PastedError.h"
 #include "filesdk.pb.h"
@@ -64,15 +65,7 @@ public:
     // The user is being asked what to do with names that are taken.
     bool asking() const { return m_asking; }
     void setReplyTimeout(int ms) { m_replyTimer.setInterval(ms); }
-    QString currentFileName() const;
-    std::uint64_t alreadySavedTotalSize() const { return m_alreadySavedTotalSize; }
-    std::uint64_t downloadTotalSize() const { return m_downloadTotalSize; }
-    // The current file's path below the chosen folder, with "/"; its number among the
-    // files, from 1 (0 while none is current); how many files the paste fetches.
-    QString currentFileLocalPath() const;
-    std::size_t currentFileNumber() const { return m_ended || m_head >= m_next ? 0 : m_head + 1; }
-    std::size_t fileCount() const { return m_files.size(); }
-    const QString &basePath() const { return m_pasteBasePath; }
+    PasteFigures figures() const;
 
 private:
     struct FileTask
