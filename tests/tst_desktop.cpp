@@ -36,15 +36,16 @@ class NotificationService : public QObject
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
 public:
-    QList<QStringList> actions; // of each Notify, in order
+    QList<QStringList> actions, texts; // of each Notify, in order: actions; summary and body
     QList<uint> replaced, closed, dismissed;
     QVariantMap hints; // and time-out, of the last
     int timeout = -2;
 public slots:
-    uint Notify(const QString &, uint replaces, const QString &, const QString &, const QString &,
+    uint Notify(const QString &, uint replaces, const QString &, const QString &summary, const QString &body,
                 const QStringList &actionList, const QVariantMap &hintMap, int expireTimeout)
     {
         actions.append(actionList);
+        texts.append({summary, body});
         replaced.append(replaces);
         hints = hintMap;
         timeout = expireTimeout;
@@ -52,6 +53,34 @@ public slots:
     }
     void CloseNotification(uint id) { closed.append(id); }
     void dismissedSeen(uint id, uint) { dismissed.append(id); }
+};
+
+// A session bus of the test's own, with the notification service played here.
+struct SessionBus
+{
+    QProcess daemon;
+    QString address;
+    QDBusConnection serviceBus{QString()};
+    NotificationService service;
+
+    bool up()
+    {
+        daemon.start("dbus-daemon", {"--session", "--nofork", "--print-address=1"});
+        if (!daemon.waitForReadyRead(10000))
+            return false;
+        address = QString::fromUtf8(daemon.readLine()).trimmed();
+        serviceBus = QDBusConnection::connectToBus(address, "service");
+        return serviceBus.registerObject("/org/freedesktop/Notifications", &service, QDBusConnection::ExportAllSlots)
+            && serviceBus.registerService("org.freedesktop.Notifications");
+    }
+    QDBusConnection client() { return QDBusConnection::connectToBus(address, "client"); }
+    ~SessionBus()
+    {
+        QDBusConnection::disconnectFromBus("client");
+        QDBusConnection::disconnectFromBus("service");
+        daemon.kill();
+        daemon.waitForFinished();
+    }
 };
 
 Q_DECLARE_METATYPE(PasteReport)
@@ -75,6 +104,7 @@ private slots:
     void endTexts_data();
     void endTexts();
     void pasteFromTheNotification();
+    void copyNotifications();
     void trayMenu_data();
     void trayMenu();
     void clipboardBackend();
@@ -534,15 +564,11 @@ void TestDesktop::endTexts()
 // of the test's own, with the notification service played here.
 void TestDesktop::pasteFromTheNotification()
 {
-    QProcess bus;
-    bus.start("dbus-daemon", {"--session", "--nofork", "--print-address=1"});
-    QVERIFY2(bus.waitForReadyRead(10000), "dbus-daemon did not start");
-    const QString address = QString::fromUtf8(bus.readLine()).trimmed();
-    QDBusConnection serviceBus = QDBusConnection::connectToBus(address, "service");
-    NotificationService service;
-    QVERIFY(serviceBus.registerObject("/org/freedesktop/Notifications", &service, QDBusConnection::ExportAllSlots));
-    QVERIFY(serviceBus.registerService("org.freedesktop.Notifications"));
-    platform->pasteTriggers.push_back(std::make_unique<NotificationTrigger>(QDBusConnection::connectToBus(address, "client")));
+    SessionBus bus;
+    QVERIFY2(bus.up(), "dbus-daemon did not start");
+    QDBusConnection &serviceBus = bus.serviceBus;
+    NotificationService &service = bus.service;
+    platform->pasteTriggers.push_back(std::make_unique<NotificationTrigger>(true, bus.client()));
     QTemporaryDir dest;
     start();
 
@@ -573,8 +599,28 @@ void TestDesktop::pasteFromTheNotification()
     };
     QVERIFY2(shown.contains(at(29, 0, 262144)) && shown.contains(at(62, 1, 562144)), qPrintable(shown.join('\n')));
     QCOMPARE(shown.last(), at(100, 2, 900000) + "|Done"); // the end alert up
-    bus.kill();
-    bus.waitForFinished();
+}
+
+// A local copy fetched by the remote side: one notification for the copy, replaced when
+// its last byte has gone, also when that comes before the service has answered. Where
+// Ctrl+V works, remote copies bring no notification.
+void TestDesktop::copyNotifications()
+{
+    SessionBus bus;
+    QVERIFY2(bus.up(), "dbus-daemon did not start");
+    NotificationTrigger trigger(false, bus.client());
+    trigger.setOffered(true);
+    const QString what = "3 items (" + QLocale().formattedDataSize(12 << 20) + ")";
+    const QStringList sending{"Sending to the remote desktop…", "The remote desktop is fetching " + what + " of your copy."};
+    const QStringList sent{"Sent to the remote desktop", "The remote desktop has received " + what + " of your copy."};
+    trigger.setCopySending(CopySending{false, 3, 12 << 20});
+    QTRY_COMPARE(bus.service.texts, QList<QStringList>{sending});
+    trigger.setCopySending(CopySending{true, 3, 12 << 20});
+    trigger.setCopySending(CopySending{false, 3, 12 << 20}); // the next copy, at once
+    trigger.setCopySending(CopySending{true, 3, 12 << 20});
+    QTRY_COMPARE(bus.service.texts, (QList<QStringList>{sending, sent, sending, sent}));
+    QCOMPARE(bus.service.replaced, (QList<uint>{0, 42, 0, 44}));
+    QVERIFY(bus.service.actions == QList<QStringList>(4) && bus.service.closed.isEmpty());
 }
 
 void TestDesktop::trayMenu_data()

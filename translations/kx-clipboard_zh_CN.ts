@@ -22,6 +22,26 @@
         <source>Choose Paste… to save them in a folder of yours.</source>
         <translation>选择“粘贴…”可将它们保存到您的文件夹。</translation>
     </message>
+    <message>
+        <source>%1 (%2)</source>
+        <translation>%1（%2）</translation>
+    </message>
+    <message>
+        <source>Sent to the remote desktop</source>
+        <translation>已发送到远程桌面</translation>
+    </message>
+    <message>
+        <source>Sending to the remote desktop…</source>
+        <translation>正在发送到远程桌面…</translation>
+    </message>
+    <message>
+        <source>The remote desktop has received %1 of your copy.</source>
+        <translation>远程桌面已收到您复制的%1。</translation>
+    </message>
+    <message>
+        <source>The remote desktop is fetching %1 of your copy.</source>
+        <translation>远程桌面正在获取您复制的%1。</translation>
+    </message>
 </context>
 <context>
     <name>PasteEndText</name>
@@ -123,7 +143,8 @@
     <message numerus="yes">
         <source>%n of the pasted items already exist in “%1”:</source>
         <translation>
-            <numerusform>“%1”中已存在 %n 个同名项目：</numerusform></translation>
+            <numerusform>“%1”中已存在 %n 个同名项目：</numerusform>
+        </translation>
     </message>
     <message>
         <source>Keep both: the pasted item gets a new name, such as “%1”.

@@ -26,8 +26,8 @@ Platform makeLinuxPlatform(const DesktopSession &session)
     platform.services = std::make_unique<LinuxSystemServices>();
     if (QSystemTrayIcon::isSystemTrayAvailable())
         platform.pasteTriggers.push_back(std::make_unique<TrayTrigger>());
-    if (session.kind == DesktopSession::Kind::wayland) // Ctrl+V cannot be seen in Wayland applications
-        platform.pasteTriggers.push_back(std::make_unique<NotificationTrigger>());
+    // Ctrl+V cannot be seen in Wayland applications: the notification offers the paste there.
+    platform.pasteTriggers.push_back(std::make_unique<NotificationTrigger>(session.kind == DesktopSession::Kind::wayland));
     return platform;
 }
 

@@ -1,5 +1,6 @@
 #include "NotificationTrigger.h"
 
+#include "qt/ContentsText.h"
 #include "PlatformLog.h"
 
 #include <QDBusMessage>
@@ -14,12 +15,15 @@ const QString pasteAction = QStringLiteral("paste");
 
 } // namespace
 
-NotificationTrigger::NotificationTrigger(QDBusConnection bus)
+NotificationTrigger::NotificationTrigger(bool offersPaste, QDBusConnection bus)
     : m_bus(bus)
+    , m_offersPaste(offersPaste)
 {
     m_bus.connect(service, path, interface, QStringLiteral("ActionInvoked"), this, SLOT(actionInvoked(uint, QString)));
     m_bus.connect(service, path, interface, QStringLiteral("NotificationClosed"), this,
                   SLOT(notificationClosed(uint, uint)));
+    if (!offersPaste)
+        return;
     if (m_bus.isConnected())
         qCInfo(lcPlatform).noquote() << "the notification's Paste… is offered through" << service;
     else
@@ -28,6 +32,8 @@ NotificationTrigger::NotificationTrigger(QDBusConnection bus)
 
 void NotificationTrigger::setOffered(bool offered)
 {
+    if (!m_offersPaste)
+        return;
     m_offered = offered;
     if (m_inFlight) // decided when the service has told the id of the one shown
         m_again = offered;
@@ -46,6 +52,41 @@ void NotificationTrigger::notify()
            << QVariantMap{{QStringLiteral("resident"), true}, {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)}}
            << 0;
     m_inFlight = m_bus.callWithCallback(message, this, SLOT(shown(uint)), SLOT(settle()));
+}
+
+void NotificationTrigger::setCopySending(const CopySending &sending)
+{
+    // A copy's first bytes open a notification of its own; its last byte replaces it, also
+    // when it comes before the service has told the first one's id.
+    if (!sending.done) {
+        m_sendingInFlight = true;
+        m_sendingDone.reset();
+        m_bus.callWithCallback(sendingMessage(sending, 0), this, SLOT(sendingShown(uint)), SLOT(sendingShown()));
+    } else if (m_sendingInFlight) {
+        m_sendingDone = sending;
+    } else {
+        m_bus.send(sendingMessage(sending, std::exchange(m_sendingId, 0)));
+    }
+}
+
+QDBusMessage NotificationTrigger::sendingMessage(const CopySending &sending, uint replaces) const
+{
+    const QString what = tr("%1 (%2)").arg(ContentsText::items(sending.files), ContentsText::size(sending.bytes));
+    QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
+    message << QStringLiteral(KX_APP_DISPLAY_NAME) << replaces << QStringLiteral("document-send")
+            << (sending.done ? tr("Sent to the remote desktop") : tr("Sending to the remote desktop…"))
+            << (sending.done ? tr("The remote desktop has received %1 of your copy.").arg(what)
+                             : tr("The remote desktop is fetching %1 of your copy.").arg(what))
+            << QStringList{} << QVariantMap{{QStringLiteral("urgency"), QVariant::fromValue<uchar>(0)}} << -1;
+    return message;
+}
+
+void NotificationTrigger::sendingShown(uint id)
+{
+    m_sendingId = id;
+    m_sendingInFlight = false;
+    if (const std::optional<CopySending> done = std::exchange(m_sendingDone, std::nullopt))
+        setCopySending(*done);
 }
 
 void NotificationTrigger::shown(uint id)

@@ -3,21 +3,28 @@
 #include "PasteTrigger.h"
 
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QObject>
 
-// The freedesktop notification service: while remote files are on offer, a notification
-// with a "Paste…" action. A newer remote copy replaces it; it is withdrawn when the paste
-// starts or the offer is gone.
+#include <optional>
+
+// The freedesktop notification service. Where the paste needs a way other than Ctrl+V
+// (offersPaste): while remote files are on offer, a notification with a "Paste…" action;
+// a newer remote copy replaces it, and it is withdrawn when the paste starts or the offer
+// is gone. Everywhere: one notification per local copy the remote side fetches, saying
+// it is being sent, then replaced by one saying it was sent.
 class NotificationTrigger : public QObject, public PasteTrigger
 {
     Q_OBJECT
 public:
-    explicit NotificationTrigger(QDBusConnection bus = QDBusConnection::sessionBus());
+    explicit NotificationTrigger(bool offersPaste, QDBusConnection bus = QDBusConnection::sessionBus());
 
     void setOffered(bool offered) override;
     void onPaste(std::function<void()> paste) override { m_paste = std::move(paste); }
+    void setCopySending(const CopySending &sending) override;
 
 private slots:
+    void sendingShown(uint id = 0);
     void actionInvoked(uint id, const QString &action);
     void notificationClosed(uint id, uint reason);
     void shown(uint id);
@@ -25,10 +32,15 @@ private slots:
 
 private:
     void notify();
+    QDBusMessage sendingMessage(const CopySending &sending, uint replaces) const;
     void withdraw();
 
     QDBusConnection m_bus;
+    const bool m_offersPaste;
     std::function<void()> m_paste;
+    uint m_sendingId = 0; // the notification of the copy being fetched
+    bool m_sendingInFlight = false;
+    std::optional<CopySending> m_sendingDone; // came while the first was out
     bool m_offered = false;
     uint m_id = 0;          // the notification shown, 0 for none
     bool m_inFlight = false; // a Notify call whose answer (the id) has not come yet
