@@ -62,6 +62,10 @@ bool reconnected(EngineHarness &h)
 // turn of it held the connection and the user waiting.
 struct TurnWatch
 {
+    // Far above what a turn takes here (about 150 ms, under another test's load on two
+    // cores), far below the seconds each attack held the loop before it was bounded.
+    static constexpr qint64 limitMs = 1000;
+
     QTimer tick;
     QElapsedTimer since;
     qint64 longest = 0;
@@ -307,7 +311,7 @@ void TestIntegration::hostileAgent_data()
         h.send(QByteArray::fromHex("1200").repeated((32 << 20) - 1) + '\x07');
         QTRY_VERIFY_WITH_TIMEOUT(h.lastEnd(false, PastedError::unKonwnError), 20000);
         qInfo("the longest turn of the event loop took %lld ms", turns.longest);
-        QVERIFY2(turns.longest < 400 && h.chooser->runs == 0, qPrintable(QString::number(turns.longest)));
+        QVERIFY2(turns.longest < TurnWatch::limitMs && h.chooser->runs == 0, qPrintable(QString::number(turns.longest)));
     }) << QStringList{} << 400 << false;
     QTest::newRow("100,000 empty files") << Attack([](EngineHarness &h) {
         LogCapture log; // a dozen lines a file
@@ -318,7 +322,7 @@ void TestIntegration::hostileAgent_data()
         QVERIFY(h.pasteOf(list));
         QTRY_VERIFY_WITH_TIMEOUT(h.lastEnd(true, PastedError::noError), 120000);
         qInfo("the longest turn of the event loop took %lld ms", turns.longest);
-        QVERIFY2(turns.longest < 400, qPrintable(QString::number(turns.longest)));
+        QVERIFY2(turns.longest < TurnWatch::limitMs, qPrintable(QString::number(turns.longest)));
         QCOMPARE(QDir(h.dest + "/many").count(), 100002u); // with "." and ".."
         QVERIFY(QDir(h.dest + "/many").removeRecursively());
     }) << QStringList{} << 0 << false;
@@ -333,7 +337,7 @@ void TestIntegration::hostileAgent_data()
         clock.start();
         QVERIFY(h.pasteOf({descriptor(QString("a\\").repeated(32000) + "x", 4)}));
         QTRY_VERIFY(h.lastEnd(false, PastedError::saveError));
-        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY2(clock.elapsed() < 3 * TurnWatch::limitMs, qPrintable(QString::number(clock.elapsed())));
     }) << QStringList{} << 0 << false;
 }
 
