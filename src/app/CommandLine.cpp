@@ -29,7 +29,7 @@ std::optional<int> CommandLine::handle(int argc, char **argv)
 
 QString CommandLine::help()
 {
-    return tr("Usage: kx-clipboard ip,… port,… token,… cid,… [window,N] [pin,SHA256]\n"
+    return tr("Usage: kx-clipboard ip,… port,… token,… cid,… [window,N] [pin,SHA256] [paste,files]\n"
               "Copies files both ways between this desktop and a remote Windows desktop.\n"
               "The remote desktop's host application starts it with these arguments:\n"
               "  ip,SCHEME://HOST  the remote agent's address: ws:// or wss://, then the host\n"
@@ -38,6 +38,7 @@ QString CommandLine::help()
               "  cid,ID            the connection's identifier\n"
               "  window,N          optional: a paste keeps N file requests under way (1 to 64)\n"
               "  pin,SHA256        optional: accept only the wss certificate of this SHA-256\n"
+              "  paste,files       optional: remote files are pasted with the file manager's own Ctrl+V\n"
               "  --help            print this help and end\n"
               "  --version         print the version and end\n");
 }

@@ -25,10 +25,12 @@ ClipboardWatcher::~ClipboardWatcher()
 
 void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &port, const QString &token,
                                      const QString &cid, ProgressCallback progress, CompletionCallback completion,
-                                     int window, const CertificatePin &pin)
+                                     int window, const CertificatePin &pin, bool pasteFiles)
 {
     m_engineContext.connection.setCertificatePin(pin); // before the engine connects
     m_clipManager = std::make_unique<ClipBoardManager>(ipAdress, port, token, cid, m_engineContext, window);
+    if (pasteFiles)
+        serveFiles();
     m_progress = std::move(progress);
     m_completion = std::move(completion);
 
@@ -75,6 +77,20 @@ void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &por
     checkAccessibility();
 }
 
+// The remote files as files: where the file system cannot be mounted, the paste stays as
+// it was, and the log says why, once.
+void ClipboardWatcher::serveFiles()
+{
+    QString whyNot = QStringLiteral("this desktop has no file system for them");
+    if (!m_platform.fileSystem || !m_platform.fileSystem->serve(m_clipManager->remoteFiles(), whyNot)) {
+        qCInfo(lcDesktop).noquote() << "remote files cannot be pasted from the file manager:" << whyNot
+                                    << "- Ctrl+V opens the folder chooser instead";
+        return;
+    }
+    for (const auto &trigger : m_platform.pasteTriggers)
+        trigger->setFilesServed();
+}
+
 void ClipboardWatcher::stopWatching()
 {
     delete m_clipTimer;
@@ -90,6 +106,8 @@ void ClipboardWatcher::checkPasteboard()
     if (count == m_lastChangeCount)
         return;
     m_lastChangeCount = count; // before reading: a failed read is not retried for this change
+    if (m_platform.pasteboard->holdsOfferedFiles())
+        return; // the remote files this process offers: never announced back
     const std::optional<QList<QUrl>> urls = m_platform.pasteboard->readUrls();
     if (!urls)
         return;
@@ -101,6 +119,10 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
     if (!event.command || event.charactersIgnoringModifiers != QLatin1String("v"))
         return;
     qCInfo(lcDesktop).noquote() << "Command + V 按下";
+    if (m_clipManager->servesFiles()) {
+        qCInfo(lcDesktop).noquote() << "the file manager pastes the remote files; no folder is asked for";
+        return;
+    }
     paste();
 }
 

@@ -29,7 +29,7 @@ public:
 
     void startWatching(const QString &ipAdress, const QString &port, const QString &token, const QString &cid,
                        ProgressCallback progress, CompletionCallback completion, int window = 1,
-                       const CertificatePin &pin = {});
+                       const CertificatePin &pin = {}, bool pasteFiles = false);
     void stopWatching();
 
     void checkPasteboard();
@@ -53,6 +53,7 @@ public:
     static constexpr int alertDelayMs = 1000;
 
 private:
+    void serveFiles();
     Platform &m_platform;
     EngineContext m_engineContext;
     QString m_hostAppId;

@@ -57,6 +57,8 @@ LaunchArguments::Key LaunchArguments::keyOf(const QString &argument)
 {
     if (argument.startsWith(QLatin1String("pin,")))
         return Key::pin;
+    if (argument.startsWith(QLatin1String("paste,")))
+        return Key::paste;
     static constexpr std::pair<const char *, Key> keys[] = {{"ip", Key::ip},   {"port", Key::port}, {"token", Key::token},
                                                             {"cid", Key::cid}, {"window", Key::window}};
     for (const auto &[name, key] : keys) {
@@ -75,6 +77,7 @@ void LaunchArguments::assignLaunchArgument(const QString &argument)
     case Key::cid: cid = valueAfterComma(argument); break;
     case Key::window: window = windowValue(valueAfterComma(argument)); break;
     case Key::pin: pin = pinValue(valueAfterComma(argument)); break;
+    case Key::paste: pasteFiles = valueAfterComma(argument) == QLatin1String("files"); break;
     case Key::none: break;
     }
 }

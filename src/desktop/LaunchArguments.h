@@ -7,10 +7,11 @@
 
 // The four connection values the host application passes, each as "key,value", the
 // optional window: how many range queries a paste keeps outstanding (1 unless given), and
-// the optional pin: the SHA-256 of the only certificate a wss agent may present.
+// the optional pin: the SHA-256 of the only certificate a wss agent may present, and the
+// optional "paste,files": remote files pasted from the file manager.
 struct LaunchArguments
 {
-    enum class Key { none, ip, port, token, cid, window, pin };
+    enum class Key { none, ip, port, token, cid, window, pin, paste };
 
     QString ipAdress;
     QString port;
@@ -18,6 +19,7 @@ struct LaunchArguments
     QString cid;
     int window = 1;
     CertificatePin pin;
+    bool pasteFiles = false;
 
     // Every argument, argument 0 included, is tested; a later one of the same key wins.
     // The token is logged masked.

@@ -92,7 +92,7 @@ void ViewController::viewDidLoad(const QStringList &arguments)
     m_watcher->startWatching(
         m_ipAdress, m_port, m_token, m_cid, [self](double progress) { if (self) self->handlePasteProgress(progress); },
         [self](bool success, ClipBoardError error) { if (self) self->handlePasteFinished(success, error); },
-        m_window, m_pin);
+        m_window, m_pin, values.pasteFiles);
 }
 
 void ViewController::resetProgressControls()

@@ -89,6 +89,9 @@ void ClipBoardManager::socketDidDisconnect()
     // that comes later finds no file of it to write or to end.
     endPendingPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
     endRunningPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
+    m_listRequests.clear();
+    if (m_files)
+        m_files->connectionLost();
     setFormList(std::nullopt);
     m_pasteStatus = PasteStatus::complete;
     m_staleStreams.clear(); // nothing of the old connection comes any more
@@ -138,6 +141,10 @@ void ClipBoardManager::setPasteStatus(PasteStatus status)
 
 void ClipBoardManager::copiedFiles(const QList<QUrl> &urls)
 {
+    if (m_files && std::any_of(urls.begin(), urls.end(), [this](const QUrl &url) { return m_files->isUnderMount(url); })) {
+        qCInfo(lcEngine).noquote() << "a local copy of the remote files themselves is not offered back";
+        return;
+    }
     m_copy.copiedFiles(urls);
 }
 
@@ -157,6 +164,11 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
     m_pasteStatus = PasteStatus::start;
     setFormList(kx::parseMessage<FileSDK::CliprdrFormatList>(payload));
     qCInfo(lcEngine).noquote() << "windwos 按下 ctrol+ c handleFormListRespose";
+    if (servesFiles()) {
+        m_files->retireCopy();
+        if (offersFiles(m_formList))
+            requestList(true); // laid out as files at once: the file manager pastes them
+    }
 }
 
 // Whether files are on offer for a paste: a remote copy with the file list format, and
@@ -186,6 +198,13 @@ void ClipBoardManager::sendFormatDataRequest(ProgressCallback progress, Completi
     m_pending->completion = std::move(completion);
     if (m_filesOffered)
         emit filesOffered(m_filesOffered = false); // the paste has started
+    m_listTimer->start();
+    requestList(false);
+}
+
+void ClipBoardManager::requestList(bool forFiles)
+{
+    m_listRequests.push_back(forFiles);
     std::uint32_t formatId = 0;
     for (const FileSDK::CliprdrFormat &format : m_formList->formats()) {
         if (format.formatname() == kx::wire::descriptorFormatName)
@@ -194,12 +213,18 @@ void ClipBoardManager::sendFormatDataRequest(ProgressCallback progress, Completi
     FileSDK::CliprdrFormatDataRequest request;
     *request.mutable_header() = m_formList->header();
     request.set_requestedformatid(formatId);
-    m_listTimer->start();
-    send(request, FrameType::formatDataRequest, "向widows发送control + v成功");
+    send(request, FrameType::formatDataRequest,
+         forFiles ? "asked for the remote copy's file list, to serve it as files" : "向widows发送control + v成功");
 }
 
 void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
 {
+    // Lists come in the order they were asked for.
+    const bool forFiles = !m_listRequests.empty() && m_listRequests.front();
+    if (!m_listRequests.empty())
+        m_listRequests.pop_front();
+    if (forFiles)
+        return takeListForFiles(payload);
     // Only the paste that asked for a list takes one: a list nobody asked for opens no
     // chooser, and a second one while the chooser is open does not replace the first.
     if (!m_pending || m_pending->choosing) {
@@ -263,9 +288,11 @@ void ClipBoardManager::startDownload(const QUrl &url)
 
 void ClipBoardManager::handleContentResponse(const QByteArray &payload)
 {
-    if (!pasteRunning() && m_staleStreams.empty())
+    if (!pasteRunning() && m_staleStreams.empty() && !m_files)
         return;
     const auto reply = kx::parseMessage<FileSDK::CliprdrFileContentsResponse>(payload);
+    if (reply && m_files && m_files->handleReply(*reply))
+        return;
     if (reply && m_staleStreams.erase(reply->streamid())) {
         qCInfo(lcEngine).noquote().nospace() << "ignored a late reply of stream " << reply->streamid()
                                              << ", from a paste that has ended";
@@ -279,6 +306,41 @@ void ClipBoardManager::handleContentResponse(const QByteArray &payload)
         return;
     }
     m_paste->handleContentResponse(*reply);
+}
+
+void ClipBoardManager::takeListForFiles(const QByteArray &payload)
+{
+    if (!servesFiles())
+        return;
+    DescriptorList list;
+    const DescriptorList::Scan scan = DescriptorList::scan(payload, list);
+    if (scan != DescriptorList::Scan::ok) {
+        qCInfo(lcEngine).noquote().nospace()
+            << (scan == DescriptorList::Scan::tooLong
+                    ? QStringLiteral("the remote copy has more than %1 entries; it is not served as files").arg(DescriptorList::maxEntries)
+                    : QStringLiteral("the remote copy could not be read: its file list does not decode"));
+        return;
+    }
+    emit offerChanged(RemoteOffer{true, PasteContents{list.size(), kx::filesSize(payload)}});
+    m_files->addCopy(std::move(list));
+}
+
+RemoteFiles &ClipBoardManager::remoteFiles()
+{
+    if (!m_files) {
+        auto send = [this](std::uint32_t streamId, std::uint32_t listIndex, std::uint64_t offset, std::uint32_t length) {
+            if (m_context.connection.isConnected())
+                m_context.connection.write(kx::encodeFrame(kx::makeContentsQuery(streamId, listIndex, kx::wire::rangeQueryFlag,
+                                                                                 offset, length),
+                                                           FrameType::fileContentsRequest),
+                                           {});
+        };
+        m_files = std::make_unique<RemoteFiles>(m_window, send);
+        connect(m_files.get(), &RemoteFiles::copyReady, this,
+                [this](const QList<QUrl> &urls) { m_context.pasteboard.offerFiles(urls); });
+        connect(m_files.get(), &RemoteFiles::copiesGone, this, [this] { m_context.pasteboard.withdrawFiles(); });
+    }
+    return *m_files;
 }
 
 PasteFigures ClipBoardManager::pasteFigures() const

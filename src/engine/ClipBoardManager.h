@@ -12,12 +12,14 @@
 #include "copy/CopyServer.h"
 #include "filesdk.pb.h"
 #include "paste/DescriptorList.h"
+#include "remotefiles/RemoteFiles.h"
 
 #include <QObject>
 #include <QTimer>
 #include <QUrl>
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -76,6 +78,12 @@ public:
     // What the progress window shows besides the bar; nothing before the first paste.
     PasteFigures pasteFigures() const;
 
+    // The remote copies as files, for a file system to serve. Once it has a mount path,
+    // every remote copy of files is laid out there as it comes and offered on the local
+    // clipboard, as a file manager's copy is.
+    RemoteFiles &remoteFiles();
+    bool servesFiles() const { return m_files && !m_files->mountPath().isEmpty(); }
+
 signals:
     // Files copied on the remote side can be pasted now (true), or no longer (false: a
     // paste of them started, ended, or the copy is gone).
@@ -114,6 +122,8 @@ private:
     void setFormList(std::optional<FileSDK::CliprdrFormatList> list);
     void offerAgain();
     void sendFormatDataRequest(ProgressCallback progress, CompletionCallback completion);
+    void requestList(bool forFiles);
+    void takeListForFiles(const QByteArray &payload);
     void startDownload(const QUrl &url);
     bool pasteRunning() const;
     // Ends the paste that waits for its list, or the download that runs, with its own
@@ -142,4 +152,7 @@ private:
     QTimer *m_listTimer = nullptr; // the list asked for must come within the time-out
 
     CopyServer m_copy;
+    std::unique_ptr<RemoteFiles> m_files;
+    // Who asked for each list still to come, in order: the file system (true) or a paste.
+    std::deque<bool> m_listRequests;
 };

@@ -22,4 +22,6 @@ public:
     virtual void onQuit(std::function<void()> quit) { (void)quit; }
     // What the remote side fetches of the local copy.
     virtual void setCopySending(const CopySending &sending) { (void)sending; }
+    // The file manager pastes the remote files: this way offers the folder chooser.
+    virtual void setFilesServed() {}
 };

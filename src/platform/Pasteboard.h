@@ -16,4 +16,6 @@ public:
     virtual std::int64_t changeCount() const = 0;
     // The URLs on the board in order; empty when it holds none; nothing on a read error.
     virtual std::optional<QList<QUrl>> readUrls() const = 0;
+    // The board holds the remote files this process offers: no local copy to announce.
+    virtual bool holdsOfferedFiles() const { return false; }
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Accessibility.h"
+#include "FileSystemHost.h"
 #include "KeyMonitor.h"
 #include "PasteTrigger.h"
 #include "Pasteboard.h"
@@ -19,4 +20,5 @@ struct Platform
     std::unique_ptr<Alerts> alerts;
     std::unique_ptr<SystemServices> services;
     std::vector<std::unique_ptr<PasteTrigger>> pasteTriggers;
+    std::unique_ptr<FileSystemHost> fileSystem; // none where remote files cannot be served
 };

@@ -5,6 +5,7 @@
 #include "FileTime.h"
 #include "KXFileManager.h"
 #include "Messages.h"
+#include "RangeReads.h"
 #include "RemotePath.h"
 #include "Wire.h"
 
@@ -599,7 +600,9 @@ void PasteSession::replyTimedOut()
 // late reply would otherwise be taken, and written, as this paste's.
 std::uint32_t PasteSession::nextStreamId()
 {
-    while (m_outstanding.count(m_streamCounter) || m_engine.m_staleStreams.count(m_streamCounter))
+    // Ids with the top bit set belong to the file system's reads.
+    while (m_outstanding.count(m_streamCounter &= ~RangeReads::streamBit)
+           || m_engine.m_staleStreams.count(m_streamCounter))
         ++m_streamCounter;
     return m_streamCounter++;
 }

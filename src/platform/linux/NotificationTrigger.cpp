@@ -47,8 +47,10 @@ void NotificationTrigger::notify()
 {
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
     message << QStringLiteral(KX_APP_DISPLAY_NAME) << m_id << QStringLiteral("edit-paste")
-           << tr("Files copied on the remote desktop") << tr("Choose Paste… to save them in a folder of yours.")
-           << QStringList{pasteAction, QStringLiteral("Paste…")}
+           << tr("Files copied on the remote desktop")
+           << (m_filesServed ? tr("Paste them with Ctrl+V in a folder of your file manager, or choose Paste to folder….")
+                             : tr("Choose Paste… to save them in a folder of yours."))
+           << QStringList{pasteAction, m_filesServed ? tr("Paste to folder…") : QStringLiteral("Paste…")}
            << QVariantMap{{QStringLiteral("resident"), true}, {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)}}
            << 0;
     m_inFlight = m_bus.callWithCallback(message, this, SLOT(shown(uint)), SLOT(settle()));

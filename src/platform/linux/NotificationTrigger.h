@@ -22,6 +22,7 @@ public:
     void setOffered(bool offered) override;
     void onPaste(std::function<void()> paste) override { m_paste = std::move(paste); }
     void setCopySending(const CopySending &sending) override;
+    void setFilesServed() override { m_offersPaste = m_filesServed = true; }
 
 private slots:
     void sendingShown(uint id = 0);
@@ -36,7 +37,8 @@ private:
     void withdraw();
 
     QDBusConnection m_bus;
-    const bool m_offersPaste;
+    bool m_offersPaste;
+    bool m_filesServed = false;
     std::function<void()> m_paste;
     uint m_sendingId = 0; // the notification of the copy being fetched
     bool m_sendingInFlight = false;

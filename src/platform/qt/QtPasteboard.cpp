@@ -7,6 +7,8 @@
 
 namespace {
 
+const QString offeredMark = QStringLiteral("application/x-kx-remote-files");
+
 QList<QUrl> fileUrlsIn(const QString &text)
 {
     QList<QUrl> urls;
@@ -51,4 +53,32 @@ void QtPasteboard::clearContents()
     auto *empty = new QMimeData;
     empty->setData(QStringLiteral("application/x-kx-cleared"), QByteArray());
     QGuiApplication::clipboard()->setMimeData(empty, QClipboard::Clipboard);
+}
+
+// What file managers read of a copy of files: the URI list, GNOME's form ("copy" and the
+// URIs, a line each), and KDE's mark that it is a copy, not a cut.
+void QtPasteboard::offerFiles(const QList<QUrl> &urls)
+{
+    auto *data = new QMimeData;
+    data->setUrls(urls);
+    QByteArray gnome("copy");
+    for (const QUrl &url : urls)
+        gnome += '\n' + url.toEncoded();
+    data->setData(QStringLiteral("x-special/gnome-copied-files"), gnome);
+    data->setData(QStringLiteral("application/x-kde-cutselection"), "0");
+    data->setData(offeredMark, QByteArray());
+    QGuiApplication::clipboard()->setMimeData(data, QClipboard::Clipboard);
+}
+
+void QtPasteboard::withdrawFiles()
+{
+    if (holdsOfferedFiles())
+        clearContents();
+}
+
+bool QtPasteboard::holdsOfferedFiles() const
+{
+    const QClipboard *board = QGuiApplication::clipboard();
+    return board->ownsClipboard() && board->mimeData(QClipboard::Clipboard)
+        && board->mimeData(QClipboard::Clipboard)->hasFormat(offeredMark);
 }

@@ -16,6 +16,9 @@ public:
     std::int64_t changeCount() const override { return m_changeCount; }
     std::optional<QList<QUrl>> readUrls() const override;
     void clearContents() override;
+    void offerFiles(const QList<QUrl> &urls) override;
+    void withdrawFiles() override;
+    bool holdsOfferedFiles() const override;
 
 private:
     std::int64_t m_changeCount = 0;

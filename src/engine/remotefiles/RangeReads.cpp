@@ -1,0 +1,342 @@
+#include "RangeReads.h"
+
+#include "EngineLog.h"
+#include "LogText.h"
+
+#include <QFile>
+
+#include <algorithm>
+#include <cerrno>
+
+RangeReads::RangeReads(int window, Send send, QObject *parent)
+    : QObject(parent)
+    , m_window(std::max(window, 1))
+    , m_send(std::move(send))
+{
+    setStallTimeout(defaultStallMs);
+    connect(&m_stallCheck, &QTimer::timeout, this, &RangeReads::checkStalls);
+}
+
+RangeReads::~RangeReads()
+{
+    failAll(EIO);
+}
+
+std::size_t RangeReads::aheadLimit() const
+{
+    return std::min<std::size_t>(std::size_t(m_window), 16);
+}
+
+void RangeReads::setStallTimeout(int ms)
+{
+    m_stallMs = ms;
+    m_stallCheck.setInterval(std::clamp(ms / 4, 10, 1000));
+}
+
+std::uint64_t RangeReads::chunkLength(const File &file, std::uint64_t chunk) const
+{
+    return std::min<std::uint64_t>(chunkSize, file.ref.size - chunk * chunkSize);
+}
+
+std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::size_t size, Reply reply)
+{
+    File &file = m_files[ref.key];
+    file.ref = ref;
+    if (file.failed) {
+        reply(EIO, {});
+        return 0;
+    }
+    if (offset >= ref.size || size == 0) {
+        reply(0, {});
+        return 0;
+    }
+    const std::uint64_t end = std::min<std::uint64_t>(ref.size, offset + std::min<std::uint64_t>(size, ref.size));
+    file.furthest = std::max(file.furthest, end);
+    bool ready = true;
+    for (std::uint64_t chunk = offset / chunkSize; chunk <= (end - 1) / chunkSize; ++chunk)
+        ready = !want(file, chunk, true) && ready;
+    if (ready) {
+        reply(0, bytes(file, offset, end));
+        readAhead(file);
+        dispatch();
+        return 0;
+    }
+    if (file.waiting.empty())
+        file.stall.setRemainingTime(m_stallMs);
+    file.waiting.push_back(Waiting{++m_readCounter, offset, end, std::move(reply)});
+    m_stallCheck.start();
+    readAhead(file);
+    dispatch();
+    return m_readCounter;
+}
+
+// Whether the chunk is still to come; asked for if it is not yet.
+bool RangeReads::want(File &file, std::uint64_t chunk, bool first)
+{
+    const auto [at, added] = file.chunks.try_emplace(chunk);
+    if (!added)
+        return at->second.state != State::complete;
+    ++m_chunkCount;
+    if (first)
+        m_queue.emplace_front(file.ref.key, chunk);
+    else
+        m_queue.emplace_back(file.ref.key, chunk);
+    return true;
+}
+
+void RangeReads::readAhead(File &file)
+{
+    const std::uint64_t next = (file.furthest + chunkSize - 1) / chunkSize;
+    for (std::uint64_t chunk = next; chunk < next + aheadLimit() && chunk * chunkSize < file.ref.size; ++chunk) {
+        if (file.chunks.count(chunk))
+            continue;
+        if (m_chunkCount >= maxChunks || !makeRoom(file))
+            return;
+        want(file, chunk, false);
+    }
+}
+
+// Room for one more chunk of this file: a complete one behind the furthest read, that no
+// read waits for, is let go.
+bool RangeReads::makeRoom(File &file)
+{
+    if (file.chunks.size() < perFileLimit())
+        return true;
+    for (auto chunk = file.chunks.begin(); chunk != file.chunks.end(); ++chunk) {
+        const std::uint64_t start = chunk->first * chunkSize, end = start + chunkLength(file, chunk->first);
+        if (chunk->second.state != State::complete || end > file.furthest)
+            continue;
+        const bool needed = std::any_of(file.waiting.begin(), file.waiting.end(),
+                                        [&](const Waiting &w) { return w.offset < end && w.end > start; });
+        if (!needed) {
+            dropChunk(file, chunk);
+            return true;
+        }
+    }
+    return false;
+}
+
+void RangeReads::dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk)
+{
+    file.chunks.erase(chunk);
+    --m_chunkCount;
+}
+
+void RangeReads::dispatch()
+{
+    while (m_outstanding.size() < std::size_t(m_window) && !m_queue.empty()) {
+        const auto [key, index] = m_queue.front();
+        m_queue.pop_front();
+        const auto file = m_files.find(key);
+        if (file == m_files.end())
+            continue;
+        const auto chunk = file->second.chunks.find(index);
+        if (chunk == file->second.chunks.end() || chunk->second.state != State::wanted)
+            continue;
+        chunk->second.state = State::asked;
+        const std::uint64_t offset = index * chunkSize + std::uint64_t(chunk->second.data.size());
+        ask(nextStreamId(), Query{key, index, offset,
+                                  std::uint32_t(chunkLength(file->second, index) - chunk->second.data.size()), false});
+    }
+}
+
+void RangeReads::ask(std::uint32_t streamId, const Query &query)
+{
+    m_outstanding[streamId] = query;
+    m_send(streamId, m_files.at(query.key).ref.listIndex, query.offset, query.length);
+}
+
+bool RangeReads::handleReply(const FileSDK::CliprdrFileContentsResponse &reply)
+{
+    const std::uint32_t streamId = reply.streamid();
+    if (!(streamId & streamBit))
+        return false;
+    const auto found = m_outstanding.find(streamId);
+    if (found == m_outstanding.end()) {
+        if (!m_abandoned.erase(streamId))
+            qCInfo(lcEngine).noquote().nospace() << "ignored a reply of stream " << streamId << ", which no file read asked for";
+        return true;
+    }
+    Query &query = found->second;
+    File &file = m_files.at(query.key);
+    const std::string &data = reply.requesteddata();
+    if (reply.cbrequested() == 0 || data.empty()) {
+        // Asked again after a wait, as long as the query is still the one outstanding.
+        if (!std::exchange(query.retrying, true))
+            QTimer::singleShot(retryWaitMs, this, [this, streamId, key = query.key, offset = query.offset] {
+                const auto again = m_outstanding.find(streamId);
+                if (again != m_outstanding.end() && again->second.key == key && again->second.offset == offset) {
+                    again->second.retrying = false;
+                    m_send(streamId, m_files.at(key).ref.listIndex, offset, again->second.length);
+                }
+            });
+        return true;
+    }
+    const Query asked = query;
+    m_outstanding.erase(found);
+    if (data.size() > asked.length) {
+        qCInfo(lcEngine).noquote().nospace() << "a reply of " << data.size() << " bytes where at most " << asked.length
+                                             << " were asked for; reads of " << kx::escapedName(QFile::decodeName(file.ref.name))
+                                             << " fail";
+        failWaiting(file, EIO, true);
+        dispatch();
+        return true;
+    }
+    auto chunk = file.chunks.find(asked.chunk);
+    if (chunk != file.chunks.end()) {
+        chunk->second.data.append(data.data(), qsizetype(data.size()));
+        if (data.size() < asked.length) // the rest, before anything else
+            ask(nextStreamId(), Query{asked.key, asked.chunk, asked.offset + data.size(),
+                                      std::uint32_t(asked.length - data.size()), false});
+        else
+            chunk->second.state = State::complete;
+    }
+    file.stall.setRemainingTime(m_stallMs); // data came: none of its reads is stalled
+    serve(file);
+    readAhead(file);
+    dispatch();
+    return true;
+}
+
+void RangeReads::serve(File &file)
+{
+    auto ready = [&](const Waiting &w) {
+        for (std::uint64_t chunk = w.offset / chunkSize; chunk <= (w.end - 1) / chunkSize; ++chunk) {
+            const auto found = file.chunks.find(chunk);
+            if (found == file.chunks.end() || found->second.state != State::complete)
+                return false;
+        }
+        return true;
+    };
+    std::vector<Waiting> answered;
+    for (auto w = file.waiting.begin(); w != file.waiting.end();) {
+        if (ready(*w)) {
+            answered.push_back(std::move(*w));
+            w = file.waiting.erase(w);
+        } else {
+            ++w;
+        }
+    }
+    for (Waiting &w : answered)
+        w.reply(0, bytes(file, w.offset, w.end));
+}
+
+QByteArray RangeReads::bytes(const File &file, std::uint64_t offset, std::uint64_t end) const
+{
+    QByteArray out;
+    out.reserve(qsizetype(end - offset));
+    for (std::uint64_t at = offset; at < end;) {
+        const std::uint64_t chunk = at / chunkSize, within = at - chunk * chunkSize;
+        const QByteArray &data = file.chunks.at(chunk).data;
+        const std::uint64_t take = std::min<std::uint64_t>(end - at, std::uint64_t(data.size()) - within);
+        out.append(data.constData() + within, qsizetype(take));
+        at += take;
+    }
+    return out;
+}
+
+void RangeReads::cancel(std::uint64_t readId, int error)
+{
+    for (auto &[key, file] : m_files) {
+        for (auto w = file.waiting.begin(); w != file.waiting.end(); ++w) {
+            if (w->id == readId) {
+                const Reply reply = std::move(w->reply);
+                file.waiting.erase(w);
+                reply(error, {});
+                return;
+            }
+        }
+    }
+}
+
+// The file's reads that wait fail; its queries are abandoned and what they would have
+// filled is let go, so that a later read asks afresh.
+void RangeReads::failWaiting(File &file, int error, bool forGood)
+{
+    const std::uint64_t key = file.ref.key;
+    file.failed = file.failed || forGood;
+    std::vector<Waiting> waiting = std::move(file.waiting);
+    file.waiting.clear();
+    abandon(key);
+    for (Waiting &w : waiting)
+        w.reply(error, {});
+}
+
+void RangeReads::abandon(std::uint64_t key)
+{
+    for (auto query = m_outstanding.begin(); query != m_outstanding.end();) {
+        if (query->second.key == key) {
+            m_abandoned.insert(query->first);
+            query = m_outstanding.erase(query);
+        } else {
+            ++query;
+        }
+    }
+    const auto file = m_files.find(key);
+    if (file == m_files.end())
+        return;
+    for (auto chunk = file->second.chunks.begin(); chunk != file->second.chunks.end();) {
+        if (chunk->second.state != State::complete) {
+            auto gone = chunk++;
+            dropChunk(file->second, gone);
+        } else {
+            ++chunk;
+        }
+    }
+}
+
+void RangeReads::forget(std::uint64_t key)
+{
+    const auto file = m_files.find(key);
+    if (file == m_files.end())
+        return;
+    failWaiting(file->second, EIO, false);
+    m_chunkCount -= file->second.chunks.size();
+    m_files.erase(file);
+    dispatch();
+}
+
+void RangeReads::failAll(int error)
+{
+    std::vector<Reply> replies;
+    for (auto &[key, file] : m_files)
+        for (Waiting &w : file.waiting)
+            replies.push_back(std::move(w.reply));
+    m_files.clear();
+    m_queue.clear();
+    m_outstanding.clear();
+    m_abandoned.clear();
+    m_chunkCount = 0;
+    m_stallCheck.stop();
+    for (Reply &reply : replies)
+        reply(error, {});
+}
+
+void RangeReads::checkStalls()
+{
+    bool any = false;
+    for (auto &[key, file] : m_files) {
+        if (file.waiting.empty())
+            continue;
+        if (!file.stall.hasExpired()) {
+            any = true;
+            continue;
+        }
+        qCInfo(lcEngine).noquote().nospace() << "no data of " << kx::escapedName(QFile::decodeName(file.ref.name))
+                                             << " came for " << QString::number(m_stallMs / 1000.0)
+                                             << " seconds; its reads fail";
+        failWaiting(file, EIO, false);
+    }
+    if (!any)
+        m_stallCheck.stop();
+    dispatch();
+}
+
+std::uint32_t RangeReads::nextStreamId()
+{
+    std::uint32_t id;
+    do
+        id = streamBit | (m_streamCounter++ & ~streamBit);
+    while (m_outstanding.count(id) || m_abandoned.count(id));
+    return id;
+}

@@ -1,0 +1,124 @@
+#pragma once
+
+#include "filesdk.pb.h"
+
+#include <QByteArray>
+#include <QDeadlineTimer>
+#include <QObject>
+#include <QTimer>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <vector>
+
+// Reads of remote files, answered from a small cache of ranges of one chunk each, which
+// range queries fill through the window: at most `window` queries outstanding, the
+// chunks a read waits for asked first, then up to `window` chunks beyond the furthest
+// read (read-ahead). Memory stays bounded: a few MiB a file, 64 MiB in all. No read waits
+// for ever: one whose file has had no data for the stall time fails with EIO.
+//
+// Replies are held to their own query and to the announced size, as in a paste: a reply
+// longer than asked fails the file's reads; a short one is completed by asking for the
+// rest; an empty one is asked again after a wait.
+class RangeReads : public QObject
+{
+public:
+    static constexpr std::uint32_t chunkSize = 262144;
+    static constexpr std::size_t maxChunks = 256; // 64 MiB
+    static constexpr int retryWaitMs = 600;
+    static constexpr int defaultStallMs = 30000;
+    // Stream ids of file reads have the top bit set; a paste's never do.
+    static constexpr std::uint32_t streamBit = 0x80000000u;
+
+    using Reply = std::function<void(int error, const QByteArray &data)>;
+    using Send = std::function<void(std::uint32_t streamId, std::uint32_t listIndex, std::uint64_t offset,
+                                    std::uint32_t length)>;
+    struct FileRef
+    {
+        std::uint64_t key = 0; // one per file, whichever handle reads it
+        std::uint32_t listIndex = 0;
+        std::uint64_t size = 0;
+        QByteArray name; // for the log
+    };
+
+    RangeReads(int window, Send send, QObject *parent = nullptr);
+    ~RangeReads() override;
+
+    // Answers now (and returns 0) when the cache holds the bytes; else later, and returns
+    // the read's id, by which it can be cancelled.
+    std::uint64_t read(const FileRef &file, std::uint64_t offset, std::size_t size, Reply reply);
+    void cancel(std::uint64_t readId, int error);
+    // The file's last handle is closed: its cache goes, and its queries are abandoned.
+    void forget(std::uint64_t key);
+    // Every read waiting is answered with the error, and everything is dropped.
+    void failAll(int error);
+    // False if the reply is no file read's.
+    bool handleReply(const FileSDK::CliprdrFileContentsResponse &reply);
+
+    void setStallTimeout(int ms);
+    std::size_t cachedChunks() const { return m_chunkCount; }
+    std::size_t outstanding() const { return m_outstanding.size(); }
+    std::size_t aheadLimit() const;
+    std::size_t perFileLimit() const { return aheadLimit() + 8; }
+
+private:
+    enum class State { wanted, asked, complete };
+    struct Chunk
+    {
+        State state = State::wanted;
+        QByteArray data;
+    };
+    struct Waiting
+    {
+        std::uint64_t id = 0;
+        std::uint64_t offset = 0;
+        std::uint64_t end = 0;
+        Reply reply;
+    };
+    struct File
+    {
+        FileRef ref;
+        std::map<std::uint64_t, Chunk> chunks;
+        std::uint64_t furthest = 0; // the end of the furthest read
+        std::vector<Waiting> waiting;
+        QDeadlineTimer stall;
+        bool failed = false;
+    };
+    struct Query
+    {
+        std::uint64_t key = 0;
+        std::uint64_t chunk = 0;
+        std::uint64_t offset = 0;
+        std::uint32_t length = 0;
+        bool retrying = false;
+    };
+
+    std::uint64_t chunkLength(const File &file, std::uint64_t chunk) const;
+    bool want(File &file, std::uint64_t chunk, bool first);
+    void readAhead(File &file);
+    bool makeRoom(File &file);
+    void dispatch();
+    void ask(std::uint32_t streamId, const Query &query);
+    void serve(File &file);
+    QByteArray bytes(const File &file, std::uint64_t offset, std::uint64_t end) const;
+    void failWaiting(File &file, int error, bool forGood);
+    void abandon(std::uint64_t key);
+    void dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk);
+    void checkStalls();
+    std::uint32_t nextStreamId();
+
+    const int m_window;
+    Send m_send;
+    int m_stallMs = defaultStallMs;
+    QTimer m_stallCheck;
+    std::map<std::uint64_t, File> m_files;
+    std::deque<std::pair<std::uint64_t, std::uint64_t>> m_queue; // chunks to ask for, by file key
+    std::map<std::uint32_t, Query> m_outstanding;
+    std::set<std::uint32_t> m_abandoned; // their replies may still come; they are dropped
+    std::size_t m_chunkCount = 0;
+    std::uint64_t m_readCounter = 0;
+    std::uint32_t m_streamCounter = 0;
+};

@@ -1,0 +1,342 @@
+#include "FuseMount.h"
+
+#include "PlatformLog.h"
+
+#define FUSE_USE_VERSION 312
+#include <fuse3/fuse_lowlevel.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+FuseMount *mountOf(fuse_req_t req)
+{
+    return static_cast<FuseMount *>(fuse_req_userdata(req));
+}
+
+struct stat statOf(const RemoteFiles::Attributes &a)
+{
+    struct stat st {};
+    st.st_ino = a.inode;
+    st.st_mode = a.folder ? (S_IFDIR | 0755) : (S_IFREG | 0644);
+    st.st_nlink = a.folder ? 2 : 1;
+    st.st_size = off_t(a.size);
+    st.st_blksize = 1 << 20; // copying programs size their buffers by it
+    st.st_blocks = blkcnt_t((a.size + 511) / 512);
+    st.st_atim = st.st_mtim = st.st_ctim = a.modified;
+    st.st_uid = ::getuid();
+    st.st_gid = ::getgid();
+    return st;
+}
+
+// The remote copies change: what the kernel keeps of names and attributes is kept briefly.
+constexpr double cacheSeconds = 1.0;
+
+// SIGTERM, SIGINT and SIGHUP end the event loop, so that the mount is undone on the way
+// out rather than left behind.
+int quitPipe[2] = {-1, -1};
+
+void quitOnSignal(int)
+{
+    const char byte = 0;
+    [[maybe_unused]] const ssize_t written = ::write(quitPipe[1], &byte, 1);
+}
+
+void installQuitSignals(QObject *owner)
+{
+    if (quitPipe[0] >= 0 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, quitPipe) != 0)
+        return;
+    auto *notifier = new QSocketNotifier(quitPipe[0], QSocketNotifier::Read, owner);
+    QObject::connect(notifier, &QSocketNotifier::activated, owner, [] {
+        qCInfo(lcPlatform).noquote() << "asked to end: the remote files' mount is undone first";
+        QCoreApplication::quit();
+    });
+    struct sigaction action {};
+    action.sa_handler = quitOnSignal;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+        ::sigaction(signal, &action, nullptr);
+}
+
+// Whether the mount table lists the path as a mount point; read from /proc, which never
+// touches the mount itself.
+bool isMountPoint(const QString &path)
+{
+    QFile table(QStringLiteral("/proc/self/mountinfo"));
+    if (!table.open(QIODevice::ReadOnly))
+        return false;
+    QByteArray escaped = QFile::encodeName(path);
+    escaped.replace("\\", "\\134").replace(" ", "\\040").replace("\t", "\\011").replace("\n", "\\012");
+    for (const QByteArray &line : table.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() > 4 && fields[4] == escaped)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+struct FuseMount::Ops
+{
+    static void lookup(fuse_req_t req, fuse_ino_t parent, const char *name)
+    {
+        const auto found = mountOf(req)->m_files->lookup(parent, QByteArray(name));
+        if (!found)
+            return void(fuse_reply_err(req, ENOENT));
+        fuse_entry_param entry{};
+        entry.ino = found->inode;
+        entry.attr = statOf(*found);
+        entry.attr_timeout = entry.entry_timeout = cacheSeconds;
+        fuse_reply_entry(req, &entry);
+    }
+
+    static void forget(fuse_req_t req, fuse_ino_t, uint64_t) { fuse_reply_none(req); }
+    static void forgetMulti(fuse_req_t req, size_t, fuse_forget_data *) { fuse_reply_none(req); }
+
+    static void getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info *)
+    {
+        const auto found = mountOf(req)->m_files->attributes(ino);
+        if (!found)
+            return void(fuse_reply_err(req, ENOENT));
+        const struct stat st = statOf(*found);
+        fuse_reply_attr(req, &st, cacheSeconds);
+    }
+
+    static void opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi)
+    {
+        FuseMount *self = mountOf(req);
+        std::vector<RemoteFiles::Entry> entries{{".", {ino, true, 0, {}}}, {"..", {RemoteFiles::rootInode, true, 0, {}}}};
+        if (const int error = self->m_files->list(ino, entries))
+            return void(fuse_reply_err(req, error));
+        // A listing is taken once, when the folder is opened: read piece by piece, it
+        // would otherwise be made again for every piece.
+        fi->fh = ++self->m_folderCounter;
+        self->m_folders[fi->fh] = std::move(entries);
+        fuse_reply_open(req, fi);
+    }
+
+    static void readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info *fi)
+    {
+        const auto found = mountOf(req)->m_folders.find(fi->fh);
+        if (found == mountOf(req)->m_folders.end())
+            return void(fuse_reply_err(req, EBADF));
+        std::vector<char> buffer(size);
+        std::size_t used = 0;
+        for (std::size_t i = std::size_t(std::max<off_t>(offset, 0)); i < found->second.size(); ++i) {
+            const RemoteFiles::Entry &entry = found->second[i];
+            struct stat st {};
+            st.st_ino = entry.attributes.inode;
+            st.st_mode = entry.attributes.folder ? S_IFDIR : S_IFREG;
+            const std::size_t needed = fuse_add_direntry(req, buffer.data() + used, size - used, entry.name.constData(), &st,
+                                                         off_t(i + 1));
+            if (needed > size - used)
+                break;
+            used += needed;
+        }
+        fuse_reply_buf(req, buffer.data(), used);
+    }
+
+    static void releasedir(fuse_req_t req, fuse_ino_t, fuse_file_info *fi)
+    {
+        mountOf(req)->m_folders.erase(fi->fh);
+        fuse_reply_err(req, 0);
+    }
+
+    static void open(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi)
+    {
+        if ((fi->flags & O_ACCMODE) != O_RDONLY)
+            return void(fuse_reply_err(req, EROFS));
+        std::uint64_t handle = 0;
+        if (const int error = mountOf(req)->m_files->open(ino, handle))
+            return void(fuse_reply_err(req, error));
+        fi->fh = handle;
+        fi->direct_io = 1; // every read reaches us: the kernel's cache would only hold a copy
+        fi->keep_cache = 0;
+        if (fuse_reply_open(req, fi) != 0)
+            mountOf(req)->m_files->release(handle); // the opener is gone already
+    }
+
+    static void read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info *fi)
+    {
+        FuseMount *self = mountOf(req);
+        const std::uint64_t id = self->m_files->read(fi->fh, std::uint64_t(std::max<off_t>(offset, 0)), size,
+                                                     [self, req](int error, const QByteArray &data) {
+                                                         self->m_reads.erase(req);
+                                                         if (error)
+                                                             fuse_reply_err(req, error);
+                                                         else
+                                                             fuse_reply_buf(req, data.constData(), std::size_t(data.size()));
+                                                     });
+        if (id) { // it waits for its ranges; a reader that gives up is answered at once
+            self->m_reads[req] = id;
+            fuse_req_interrupt_func(req, interrupted, self);
+        }
+    }
+
+    static void interrupted(fuse_req_t req, void *data)
+    {
+        auto *self = static_cast<FuseMount *>(data);
+        const auto found = self->m_reads.find(req);
+        if (found != self->m_reads.end() && self->m_files)
+            self->m_files->cancelRead(found->second, EINTR);
+    }
+
+    static void release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi)
+    {
+        mountOf(req)->m_files->release(fi->fh);
+        fuse_reply_err(req, 0);
+    }
+};
+
+FuseMount::FuseMount(QObject *parent)
+    : QObject(parent)
+{
+}
+
+FuseMount::~FuseMount()
+{
+    stop();
+}
+
+QString FuseMount::place()
+{
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (!runtime.isEmpty() && QDir::isAbsolutePath(runtime))
+        return runtime + QStringLiteral("/kx-clipboard");
+    return QStringLiteral("/tmp/kx-clipboard-%1").arg(::getuid());
+}
+
+void FuseMount::clearStaleMount(const QString &path)
+{
+    if (!isMountPoint(path))
+        return;
+    qCInfo(lcPlatform).noquote() << "a mount an earlier run left is cleared:" << path;
+    QProcess unmount;
+    unmount.start(QStringLiteral("fusermount3"), {QStringLiteral("-u"), QStringLiteral("-z"), path});
+    if (!unmount.waitForFinished(5000) || unmount.exitCode() != 0) {
+        unmount.kill();
+        ::umount2(QFile::encodeName(path).constData(), MNT_DETACH); // as root, without the helper
+    }
+}
+
+bool FuseMount::serve(RemoteFiles &files, QString &whyNot)
+{
+    if (m_session)
+        return true;
+    const int device = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    if (device < 0) {
+        whyNot = QStringLiteral("/dev/fuse cannot be opened (%1)").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    ::close(device);
+    if (::getuid() != 0 && QStandardPaths::findExecutable(QStringLiteral("fusermount3")).isEmpty()) {
+        whyNot = QStringLiteral("fusermount3 is not installed (the package fuse3)");
+        return false;
+    }
+    // The folder is this user's alone: made so, or found so; never followed if a link.
+    const QString folder = place();
+    const QByteArray encoded = QFile::encodeName(folder);
+    struct stat st {};
+    if ((::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST) || ::lstat(encoded.constData(), &st) != 0
+        || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 0077)) {
+        whyNot = QStringLiteral("%1 is not a private folder of this user's").arg(folder);
+        return false;
+    }
+    m_path = folder + QStringLiteral("/files");
+    clearStaleMount(m_path);
+    if (::mkdir(QFile::encodeName(m_path).constData(), 0700) != 0 && errno != EEXIST) {
+        whyNot = QStringLiteral("%1 cannot be made (%2)").arg(m_path, QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+
+    static fuse_lowlevel_ops ops = [] {
+        fuse_lowlevel_ops o{};
+        o.lookup = Ops::lookup;
+        o.forget = Ops::forget;
+        o.forget_multi = Ops::forgetMulti;
+        o.getattr = Ops::getattr;
+        o.opendir = Ops::opendir;
+        o.readdir = Ops::readdir;
+        o.releasedir = Ops::releasedir;
+        o.open = Ops::open;
+        o.read = Ops::read;
+        o.release = Ops::release;
+        return o;
+    }();
+    const char *argv[] = {"kx-clipboard", "-o", "ro,nosuid,nodev,noexec,default_permissions,fsname=kx-clipboard,subtype=kx-clipboard"};
+    fuse_args args = FUSE_ARGS_INIT(3, const_cast<char **>(argv));
+    m_session = fuse_session_new(&args, &ops, sizeof ops, this);
+    if (!m_session) {
+        whyNot = QStringLiteral("the FUSE session could not be made");
+        return false;
+    }
+    if (fuse_session_mount(m_session, QFile::encodeName(m_path).constData()) != 0) {
+        fuse_session_destroy(m_session);
+        m_session = nullptr;
+        whyNot = QStringLiteral("%1 could not be mounted").arg(m_path);
+        return false;
+    }
+    const int fd = fuse_session_fd(m_session);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+    m_notifier = std::make_unique<QSocketNotifier>(fd, QSocketNotifier::Read);
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, &FuseMount::receive);
+    m_files = &files;
+    files.setMountPath(m_path);
+    connect(&files, &QObject::destroyed, this, &FuseMount::stop);
+    installQuitSignals(this);
+    qCInfo(lcPlatform).noquote() << "the remote files are served at" << m_path;
+    return true;
+}
+
+// Requests are taken until none waits, a bounded number a turn, so that a reader in a
+// loop cannot hold up the rest of the companion.
+void FuseMount::receive()
+{
+    for (int taken = 0; m_session && taken < 64; ++taken) {
+        fuse_buf buffer{};
+        buffer.mem = m_buffer;
+        const int received = fuse_session_receive_buf(m_session, &buffer);
+        m_buffer = buffer.mem;
+        if (received == -EAGAIN || received == -EINTR)
+            return;
+        if (received <= 0 || fuse_session_exited(m_session)) {
+            qCInfo(lcPlatform).noquote() << "the remote files' mount was undone from outside";
+            return stop();
+        }
+        fuse_session_process_buf(m_session, &buffer);
+    }
+}
+
+void FuseMount::stop()
+{
+    if (!m_session)
+        return;
+    if (m_files)
+        m_files->failAllReads(EIO); // no reader is left waiting on a mount that goes
+    m_notifier.reset();
+    fuse_session_unmount(m_session);
+    fuse_session_destroy(m_session);
+    m_session = nullptr;
+    ::free(m_buffer);
+    m_buffer = nullptr;
+    m_reads.clear();
+    m_folders.clear();
+    if (m_files)
+        m_files->setMountPath({});
+    qCInfo(lcPlatform).noquote() << "the remote files' mount is undone:" << m_path;
+}
