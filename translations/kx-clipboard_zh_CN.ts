@@ -42,6 +42,14 @@
         <source>The remote desktop is fetching %1 of your copy.</source>
         <translation>远程桌面正在获取您复制的%1。</translation>
     </message>
+    <message>
+        <source>Paste them with Ctrl+V in a folder of your file manager, or choose Paste to folder….</source>
+        <translation>在文件管理器的文件夹中按 Ctrl+V 粘贴它们，或选择“粘贴到文件夹…”。</translation>
+    </message>
+    <message>
+        <source>Paste to folder…</source>
+        <translation>粘贴到文件夹…</translation>
+    </message>
 </context>
 <context>
     <name>PasteEndText</name>

@@ -56,8 +56,11 @@ struct ScriptedConflicts : ConflictAsker
 
 struct CountingPasteboard : PasteboardAccess
 {
-    int clears = 0;
+    int clears = 0, withdrawals = 0;
+    QList<QUrl> offered; // the remote files last offered as files
     void clearContents() override { ++clears; }
+    void offerFiles(const QList<QUrl> &urls) override { offered = urls; }
+    void withdrawFiles() override { ++withdrawals; }
 };
 
 // What the remote side answers to a query on this file: eight bytes to a size query, the

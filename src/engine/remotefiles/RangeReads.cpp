@@ -73,6 +73,8 @@ std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::si
 // Whether the chunk is still to come; asked for if it is not yet.
 bool RangeReads::want(File &file, std::uint64_t chunk, bool first)
 {
+    if (!file.chunks.count(chunk) && first && m_chunkCount >= maxChunks)
+        makeRoomAnywhere();
     const auto [at, added] = file.chunks.try_emplace(chunk);
     if (!added)
         return at->second.state != State::complete;
@@ -103,17 +105,35 @@ bool RangeReads::makeRoom(File &file)
     if (file.chunks.size() < perFileLimit())
         return true;
     for (auto chunk = file.chunks.begin(); chunk != file.chunks.end(); ++chunk) {
-        const std::uint64_t start = chunk->first * chunkSize, end = start + chunkLength(file, chunk->first);
+        const std::uint64_t end = chunk->first * chunkSize + chunkLength(file, chunk->first);
         if (chunk->second.state != State::complete || end > file.furthest)
             continue;
-        const bool needed = std::any_of(file.waiting.begin(), file.waiting.end(),
-                                        [&](const Waiting &w) { return w.offset < end && w.end > start; });
-        if (!needed) {
+        if (!isWaitedFor(file, chunk->first)) {
             dropChunk(file, chunk);
             return true;
         }
     }
     return false;
+}
+
+// A chunk a read waits for is asked for whatever the total; room is made for it by letting
+// go a chunk of any file that no read waits for: one read ahead, or one read already. The
+// reply to one still asked for is then dropped when it comes.
+void RangeReads::makeRoomAnywhere()
+{
+    for (auto &[key, file] : m_files) {
+        for (auto chunk = file.chunks.begin(); chunk != file.chunks.end(); ++chunk) {
+            if (!isWaitedFor(file, chunk->first))
+                return dropChunk(file, chunk);
+        }
+    }
+}
+
+bool RangeReads::isWaitedFor(const File &file, std::uint64_t chunk) const
+{
+    const std::uint64_t start = chunk * chunkSize, end = start + chunkLength(file, chunk);
+    return std::any_of(file.waiting.begin(), file.waiting.end(),
+                       [&](const Waiting &w) { return w.offset < end && w.end > start; });
 }
 
 void RangeReads::dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk)

@@ -100,6 +100,8 @@ private:
     bool want(File &file, std::uint64_t chunk, bool first);
     void readAhead(File &file);
     bool makeRoom(File &file);
+    void makeRoomAnywhere();
+    bool isWaitedFor(const File &file, std::uint64_t chunk) const;
     void dispatch();
     void ask(std::uint32_t streamId, const Query &query);
     void serve(File &file);

@@ -8,7 +8,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 
-#include <algorithm>
 #include <climits>
 
 RemoteTree::RemoteTree(DescriptorList list, timespec now, LeftOut leftOut)
@@ -32,12 +31,7 @@ bool RemoteTree::build(int sliceMs)
             m_leftOut(m_read, {}, "it does not decode");
     }
     if (!m_built) {
-        m_names.clear();
-        m_names.squeeze();
         m_list.clear();
-        for (Node &folder : m_nodes)
-            std::sort(folder.children.begin(), folder.children.end(),
-                      [this](std::uint32_t a, std::uint32_t b) { return m_nodes[a].name < m_nodes[b].name; });
         m_built = true;
     }
     return true;
@@ -45,10 +39,8 @@ bool RemoteTree::build(int sliceMs)
 
 std::optional<std::uint32_t> RemoteTree::child(std::uint32_t folder, const QByteArray &name) const
 {
-    const std::vector<std::uint32_t> &children = m_nodes[folder].children;
-    const auto found = std::lower_bound(children.begin(), children.end(), name,
-                                        [this](std::uint32_t a, const QByteArray &n) { return m_nodes[a].name < n; });
-    if (found == children.end() || m_nodes[*found].name != name)
+    const auto found = m_names.constFind(qMakePair(folder, name));
+    if (found == m_names.cend())
         return std::nullopt;
     return *found;
 }

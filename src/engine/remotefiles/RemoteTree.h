@@ -28,7 +28,7 @@ public:
         std::uint64_t size = 0;
         timespec modified{};
         std::uint32_t listIndex = 0;         // the entry a file's queries name
-        std::vector<std::uint32_t> children; // sorted by name once built
+        std::vector<std::uint32_t> children; // in the list's order
     };
     // An entry that is not laid out, and why, in words for the log.
     using LeftOut = std::function<void(std::size_t entry, const QString &name, const char *why)>;
@@ -57,7 +57,9 @@ private:
     std::size_t m_read = 0;
     bool m_built = false;
     std::vector<Node> m_nodes;
-    QHash<QPair<std::uint32_t, QByteArray>, std::uint32_t> m_names; // while it is built
+    // Each folder's entries by name. Kept rather than sorted lists: sorting, or freeing, a
+    // million names at the end would hold the event loop for a second.
+    QHash<QPair<std::uint32_t, QByteArray>, std::uint32_t> m_names;
     std::uint64_t m_bytes = 0;
     std::size_t m_files = 0;
 };

@@ -1,0 +1,417 @@
+// Remote copies read as files: the ranges asked for as reads come, and a real mount read
+// by other processes, as a file manager would read it.
+#include "EngineHarness.h"
+#include "linux/FuseMount.h"
+#include "LogCapture.h"
+#include "ProcessMemory.h"
+#include "RangeReads.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using Ranges = QList<std::pair<std::uint64_t, std::uint32_t>>; // offset and length of each query
+
+struct Sent
+{
+    std::uint32_t stream, index;
+    std::uint64_t offset;
+    std::uint32_t length;
+    bool operator==(const Sent &) const = default;
+};
+
+// Reads and the queries they send, with the replies the test gives.
+struct Reads
+{
+    QList<Sent> sent;
+    QList<std::pair<int, QByteArray>> answers;
+    RangeReads reads;
+    explicit Reads(int window)
+        : reads(window, [this](std::uint32_t s, std::uint32_t i, std::uint64_t o, std::uint32_t l) { sent.append({s, i, o, l}); })
+    {
+    }
+    std::uint64_t read(const RangeReads::FileRef &file, std::uint64_t offset, std::size_t size)
+    {
+        return reads.read(file, offset, size, [this](int error, const QByteArray &data) { answers.append({error, data}); });
+    }
+    bool reply(const Sent &query, const QByteArray &data)
+    {
+        return reads.handleReply(kx::makeContentsAnswer(query.stream, data.toStdString()));
+    }
+};
+
+// Bytes that differ from offset to offset, for files too big to hold.
+QByteArray bytesAt(std::uint64_t offset, std::uint64_t length)
+{
+    QByteArray out(qsizetype(length), Qt::Uninitialized);
+    for (std::uint64_t i = 0; i < length; ++i)
+        out[qsizetype(i)] = char(((offset + i) * 2654435761u) >> 13);
+    return out;
+}
+
+Ranges ranges(const QList<Sent> &sent)
+{
+    Ranges out;
+    for (const Sent &s : sent)
+        out.append({s.offset, s.length});
+    return out;
+}
+
+constexpr std::uint64_t chunk = RangeReads::chunkSize;
+
+} // namespace
+
+class TestRemoteFiles : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void readAhead_data();
+    void readAhead();
+    void repliesHeldToTheirQuery();
+    void memoryBounded();
+    void stalledRead();
+    void hostileList();
+    void mountedCopy();
+    void dropAndNewerCopy();
+
+private:
+    bool canMount();
+    QTemporaryDir runtime;
+};
+
+void TestRemoteFiles::initTestCase()
+{
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime.path())); // not the mount of a companion that runs here
+}
+
+// The queries a first read sends: the chunks it needs first, then read-ahead beyond it,
+// never more outstanding than the window; a read past the end is answered at once.
+void TestRemoteFiles::readAhead_data()
+{
+    QTest::addColumn<int>("window");
+    QTest::addColumn<Ranges>("first"); // before any reply
+    QTest::addColumn<Ranges>("after"); // once the first is answered
+    const std::uint32_t c = chunk;
+    // A file of 3 chunks and 100 bytes; the read takes 128 KiB from the middle of chunk 1.
+    QTest::newRow("one at a time") << 1 << Ranges{{chunk, c}}
+                                   << Ranges{{2 * chunk, c}};
+    QTest::newRow("window 2") << 2 << Ranges{{chunk, c}, {2 * chunk, c}}
+                              << Ranges{{3 * chunk, 100}};
+    QTest::newRow("window 8, the file's end") << 8
+        << Ranges{{chunk, c}, {2 * chunk, c}, {3 * chunk, 100}}
+        << Ranges{};
+}
+
+void TestRemoteFiles::readAhead()
+{
+    QFETCH(int, window);
+    QFETCH(Ranges, first);
+    QFETCH(Ranges, after);
+    Reads r(window);
+    const RangeReads::FileRef file{7, 4, 3 * chunk + 100, "f"};
+    const QByteArray bytes = bytesAt(0, file.size);
+    QVERIFY(r.read(file, chunk + 1000, 128 << 10) != 0);
+    QCOMPARE(ranges(r.sent), first);
+    QVERIFY(std::all_of(r.sent.begin(), r.sent.end(), [](const Sent &s) { return s.index == 4 && (s.stream & RangeReads::streamBit); }));
+    const Sent asked = r.sent.takeFirst();
+    QVERIFY(r.reply(asked, bytes.mid(qsizetype(asked.offset), asked.length)));
+    QCOMPARE(r.answers, (QList<std::pair<int, QByteArray>>{{0, bytes.mid(chunk + 1000, 128 << 10)}}));
+    QCOMPARE(ranges(r.sent).mid(first.size() - 1), after);
+    // Past the end: nothing, at once; the last bytes: only what there is.
+    QCOMPARE(r.read(file, file.size, 4096), 0u);
+    QCOMPARE(r.answers.last(), (std::pair<int, QByteArray>{0, {}}));
+}
+
+// A reply longer than its query fails the file's reads for good; a short one is completed
+// by asking for the rest; an empty one is asked again after a wait; a paste's stream is
+// none of the reads' business.
+void TestRemoteFiles::repliesHeldToTheirQuery()
+{
+    Reads r(1);
+    const RangeReads::FileRef file{1, 0, 10, "ten"};
+    r.read(file, 0, 4096);
+    QVERIFY(r.reply(r.sent.takeFirst(), QByteArray(48, 'x')));
+    QCOMPARE(r.answers.value(0).first, EIO);
+    QCOMPARE(r.read(file, 0, 10), 0u);
+    QCOMPARE(r.answers.value(1).first, EIO);
+
+    const RangeReads::FileRef other{2, 1, 3 * chunk, "other"};
+    r.read(other, 0, 4096);
+    const Sent asked = r.sent.takeFirst();
+    QVERIFY(r.reply(asked, bytesAt(0, 1000)));
+    QCOMPARE(r.sent.value(0).offset, 1000u); // the rest of the chunk, asked for
+    QCOMPARE(r.sent.value(0).length, chunk - 1000);
+    QCOMPARE(r.answers.size(), 2); // the read waits for its 4096 bytes
+    const Sent rest = r.sent.takeFirst();
+    QVERIFY(r.reply(rest, {}));
+    QVERIFY(r.sent.isEmpty());
+    QTRY_COMPARE_WITH_TIMEOUT(r.sent.size(), 1, 2000); // asked again, the same
+    QCOMPARE(r.sent.first(), rest);
+    QVERIFY(r.reply(r.sent.takeFirst(), bytesAt(1000, chunk - 1000)));
+    QCOMPARE(r.answers.value(2), (std::pair<int, QByteArray>{0, bytesAt(0, 4096)}));
+    QVERIFY(!r.reads.handleReply(kx::makeContentsAnswer(3, "paste")));
+}
+
+// Forty files read from their start with the widest window, every query answered: the
+// read-ahead stops at 64 MiB in all; one file read to its end keeps a few MiB.
+void TestRemoteFiles::memoryBounded()
+{
+    Reads r(64);
+    const auto answerAll = [&] {
+        while (!r.sent.isEmpty()) {
+            const Sent s = r.sent.takeFirst();
+            r.reply(s, bytesAt(s.offset, s.length));
+        }
+    };
+    for (std::uint64_t f = 1; f <= 40; ++f)
+        r.read({f, std::uint32_t(f), 100 * chunk, "f"}, 0, 4096);
+    answerAll();
+    QCOMPARE(r.answers.size(), 40);
+    QVERIFY2(r.reads.cachedChunks() <= RangeReads::maxChunks, qPrintable(QString::number(r.reads.cachedChunks())));
+    for (std::uint64_t f = 1; f <= 40; ++f)
+        r.reads.forget(f);
+    QCOMPARE(r.reads.cachedChunks(), 0u);
+    const RangeReads::FileRef big{99, 0, 400 * chunk, "big"};
+    for (std::uint64_t at = 0; at < big.size; at += 128 << 10) {
+        r.read(big, at, 128 << 10);
+        answerAll();
+        if (r.answers.last() != std::pair<int, QByteArray>{0, bytesAt(at, 128 << 10)})
+            QFAIL(qPrintable(QString("wrong bytes at %1").arg(at)));
+    }
+    QVERIFY2(r.reads.cachedChunks() <= r.reads.perFileLimit(), qPrintable(QString::number(r.reads.cachedChunks())));
+    QVERIFY(r.reads.perFileLimit() * chunk <= 6u << 20);
+}
+
+// No answer at all: the read fails with EIO once the stall time has passed, and its
+// query is abandoned, so that the window is free for the next read.
+void TestRemoteFiles::stalledRead()
+{
+    Reads r(1);
+    r.reads.setStallTimeout(200);
+    QElapsedTimer clock;
+    clock.start();
+    r.read({1, 0, chunk, "slow"}, 0, 10);
+    QTRY_COMPARE_WITH_TIMEOUT(r.answers.size(), 1, 3000);
+    QVERIFY(r.answers.first().first == EIO && clock.elapsed() >= 200);
+    QCOMPARE(r.reads.outstanding(), 0u);
+    r.read({2, 1, chunk, "next"}, 0, 10);
+    QCOMPARE(r.sent.size(), 2);
+    QVERIFY(r.reply(r.sent.first(), "late")); // the abandoned one's late reply: dropped
+    QCOMPARE(r.answers.size(), 1);
+}
+
+// A list of a million entries, the most one may hold: laid out in slices, the loop never
+// held for long, its memory a few hundred bytes an entry; names a paste refuses left out.
+void TestRemoteFiles::hostileList()
+{
+    EngineHarness h(1);
+    RemoteFiles &files = h.engine->remoteFiles();
+    files.setMountPath("/nowhere");
+    QSignalSpy ready(&files, &RemoteFiles::copyReady);
+    Descriptors list{descriptor("..\\evil", 4), descriptor("C:\\evil", 4), descriptor("ok\\a", 1), descriptor("ok\\a\\b", 1)};
+    QByteArray frame;
+    {
+        FileSDK::MacCliprdrFormatDataResponse response;
+        for (const auto &d : list)
+            *response.add_filedes() = d;
+        for (int i = 0; i < 999996; ++i)
+            *response.add_filedes() = descriptor(QStringLiteral("many\\f%1").arg(i), 1);
+        frame = kx::encodeFrame(response, FrameType::formatDataResponse);
+    }
+    h.remoteCopy();
+    QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+    const qint64 before = kx::residentKiB();
+    kx::resetPeakResident();
+    QElapsedTimer clock, since;
+    qint64 longest = 0;
+    QTimer tick;
+    QObject::connect(&tick, &QTimer::timeout, [&] { longest = std::max(longest, since.restart()); });
+    clock.start();
+    since.start();
+    tick.start(5);
+    h.send(std::exchange(frame, {}));
+    QTRY_COMPARE_WITH_TIMEOUT(ready.size(), 1, 60000);
+    const qint64 added = (kx::peakResidentKiB() - before) / 1024;
+    qInfo("a million entries: %lld ms, %lld MiB, longest turn %lld ms", clock.elapsed(), added, longest);
+    QCOMPARE(h.pasteboard.offered, (QList<QUrl>{QUrl::fromLocalFile("/nowhere/1/ok"), QUrl::fromLocalFile("/nowhere/1/many")}));
+    std::vector<RemoteFiles::Entry> top;
+    QCOMPARE(files.list(RemoteFiles::rootInode, top), 0);
+    QCOMPARE(top.size(), 1u);
+    std::vector<RemoteFiles::Entry> ok, many;
+    QCOMPARE(files.list(files.lookup(top[0].attributes.inode, "ok")->inode, ok), 0);
+    QVERIFY(ok.size() == 1 && ok[0].name == "a" && !ok[0].attributes.folder); // "ok\a\b" cannot be beneath a file
+    QCOMPARE(files.list(files.lookup(top[0].attributes.inode, "many")->inode, many), 0);
+    QCOMPARE(many.size(), 999996u);
+    QVERIFY2(longest < 1000, qPrintable(QString::number(longest)));
+#if !defined(__SANITIZE_ADDRESS__) // the sanitizer's quarantine keeps freed memory resident
+    QVERIFY2(added < 500, qPrintable(QString("%1 MiB").arg(added)));
+#endif
+}
+
+bool TestRemoteFiles::canMount()
+{
+    const int fd = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    ::close(fd);
+    return true;
+}
+
+namespace {
+
+// The engine over a real socket, its copies mounted, the remote side played by the test.
+struct Mounted
+{
+    EngineHarness h{8, EngineHarness::Link::ws};
+    FuseMount mount;
+    QHash<int, std::function<QByteArray(std::uint64_t, std::uint32_t)>> files; // by list index
+    QList<Query> held; // queries that came while something else was awaited
+    bool longReplies = false;
+
+    bool start()
+    {
+        QString why;
+        return h.nextFrame(15000) == QByteArray(1, 0) && mount.serve(h.engine->remoteFiles(), why);
+    }
+    // A remote copy of these; true once the clipboard offers it.
+    bool copy(const Descriptors &list)
+    {
+        const QList<QUrl> before = h.pasteboard.offered;
+        h.remoteCopy();
+        for (;;) {
+            const auto frame = h.nextFrame();
+            if (!frame || frame->isEmpty())
+                return false;
+            if (std::uint8_t(frame->back()) == std::uint8_t(FrameType::formatDataRequest))
+                break;
+            if (const auto q = kx::parseMessage<Query>(frame->first(frame->size() - 1)))
+                held.append(*q);
+        }
+        h.offer(list);
+        return QTest::qWaitFor([&] { return h.pasteboard.offered != before; }, 10000);
+    }
+    void answer(const Query &q)
+    {
+        const auto file = files.value(int(q.listindex()));
+        const std::uint32_t asked = q.cbrequested() * (longReplies ? 2 : 1);
+        h.reply(q.streamid(), file ? file(kx::queryOffset(q), asked) : QByteArray());
+    }
+    // Answers queries until the process ends; false if it does not within the time.
+    bool serveUntilDone(QProcess &process, int timeoutMs = 30000)
+    {
+        for (const Query &q : std::exchange(held, {}))
+            answer(q);
+        return QTest::qWaitFor([&] {
+            while (auto q = h.nextQuery(0))
+                answer(*q);
+            return process.state() == QProcess::NotRunning;
+        }, timeoutMs);
+    }
+};
+
+QByteArray run(Mounted &m, const QString &command, int *exitCode = nullptr, int timeoutMs = 30000)
+{
+    QProcess shell;
+    shell.start("sh", {"-c", command});
+    if (!shell.waitForStarted() || !m.serveUntilDone(shell, timeoutMs)) {
+        shell.kill();
+        shell.waitForFinished();
+        qWarning("did not end: %s", qPrintable(command));
+        if (exitCode)
+            *exitCode = -1;
+        return {};
+    }
+    if (exitCode)
+        *exitCode = shell.exitCode();
+    return shell.readAllStandardOutput();
+}
+
+} // namespace
+
+// A tree with nested and empty folders, an empty file, names beyond ASCII and a file over
+// 4 GiB, copied out by other processes as a file manager copies: the same bytes, the
+// times of the descriptors, and only the big file's ends read.
+void TestRemoteFiles::mountedCopy()
+{
+    if (!canMount())
+        QSKIP("/dev/fuse cannot be opened here: the mounted file system is not tested");
+    Mounted m;
+    QVERIFY(m.start());
+    const QByteArray deep = bytesAt(5, 3000001), unicode = "grüße\n";
+    const std::uint64_t when = 133000000000000000ull; // 2022-06-17 11:46:40 UTC
+    const std::uint64_t huge = (5ull << 30) + 7;
+    m.files = {{2, [&](std::uint64_t o, std::uint32_t l) { return deep.mid(qsizetype(o), l); }},
+               {5, [&](std::uint64_t o, std::uint32_t l) { return unicode.mid(qsizetype(o), l); }},
+               {6, [&](std::uint64_t o, std::uint32_t l) { return bytesAt(o, std::min<std::uint64_t>(l, huge - o)); }}};
+    QVERIFY(m.copy({descriptor("top", 0, 0x10, when), descriptor("top\\sub", 0, 0x10), descriptor("top\\sub\\deep.bin", deep.size(), 0x80, when),
+                    descriptor("top\\empty", 0, 0x10), descriptor("top\\zero", 0), descriptor("名前 ünï.txt", unicode.size()),
+                    descriptor("big.iso", huge)}));
+    const QString copy = m.mount.path() + "/1";
+    QCOMPARE(m.h.pasteboard.offered, (QList<QUrl>{QUrl::fromLocalFile(copy + "/top"), QUrl::fromLocalFile(copy + "/名前 ünï.txt"),
+                                                  QUrl::fromLocalFile(copy + "/big.iso")}));
+    QTemporaryDir dest;
+    int status = 0;
+    run(m, QString("cp -r --preserve=timestamps '%1/top' '%1/名前 ünï.txt' '%2/'").arg(copy, dest.path()), &status);
+    QCOMPARE(status, 0);
+    QCOMPARE(readFile(dest.filePath("top/sub/deep.bin")), deep);
+    QCOMPARE(readFile(dest.filePath("名前 ünï.txt")), unicode);
+    QVERIFY(QFileInfo(dest.filePath("top/empty")).isDir() && QFileInfo(dest.filePath("top/zero")).size() == 0);
+    const qint64 unixWhen = qint64((when - 116444736000000000ull) / 10000000);
+    QCOMPARE(QFileInfo(dest.filePath("top/sub/deep.bin")).lastModified().toSecsSinceEpoch(), unixWhen);
+    QCOMPARE(QFileInfo(dest.filePath("top")).lastModified().toSecsSinceEpoch(), unixWhen);
+    const QByteArray ends = run(m, QString("stat -c '%s %a' '%1/big.iso' && head -c 1048576 '%1/big.iso' | sha256sum && "
+                                           "tail -c 1048576 '%1/big.iso' | sha256sum").arg(copy), &status);
+    QCOMPARE(status, 0);
+    const auto sum = [](const QByteArray &b) { return QCryptographicHash::hash(b, QCryptographicHash::Sha256).toHex(); };
+    QCOMPARE(ends, QByteArray::number(huge) + " 644\n" + sum(bytesAt(0, 1 << 20)) + "  -\n" + sum(bytesAt(huge - (1 << 20), 1 << 20)) + "  -\n");
+    QVERIFY(run(m, QString("touch '%1/top/new' 2>&1; ls '%1/top'").arg(copy)).contains("Read-only file system"));
+}
+
+// The connection lost during a read: the reader gets an error within seconds, not a hang.
+// A newer copy during a read: the read goes on, and both copies are there.
+void TestRemoteFiles::dropAndNewerCopy()
+{
+    if (!canMount())
+        QSKIP("/dev/fuse cannot be opened here: the mounted file system is not tested");
+    Mounted m;
+    QVERIFY(m.start());
+    const QByteArray data = bytesAt(0, 6 << 20);
+    m.files = {{0, [&](std::uint64_t o, std::uint32_t l) { return data.mid(qsizetype(o), l); }}};
+    QVERIFY(m.copy({descriptor("a.bin", data.size())}));
+    const QString first = m.mount.path() + "/1/a.bin";
+    QProcess reader;
+    reader.start("sh", {"-c", QString("cat '%1' | sha256sum").arg(first)});
+    QVERIFY(reader.waitForStarted());
+    QVERIFY(QTest::qWaitFor([&] { return !m.h.agent->frames.isEmpty(); }, 5000)); // its first queries, not answered yet
+    QVERIFY(m.copy({descriptor("b.bin", 10)}));
+    QVERIFY(m.serveUntilDone(reader));
+    QCOMPARE(reader.readAllStandardOutput(), QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex() + "  -\n");
+    QCOMPARE(run(m, QString("ls '%1'").arg(m.mount.path())), QByteArray("1\n2\n"));
+
+    m.longReplies = true; // held to its query: the read fails
+    int status = 0;
+    run(m, QString("cat '%1/2/b.bin' > /dev/null").arg(m.mount.path()), &status);
+    QVERIFY(status != 0);
+    m.longReplies = false;
+
+    QProcess dropped;
+    dropped.start("sh", {"-c", QString("cat '%1' > /dev/null").arg(first)});
+    QVERIFY(dropped.waitForStarted() && QTest::qWaitFor([&] { return !m.h.agent->frames.isEmpty(); }, 5000));
+    m.h.agent->closeClient();
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(QTest::qWaitFor([&] { return dropped.state() == QProcess::NotRunning; }, 5000));
+    QVERIFY(dropped.exitCode() != 0);
+    qInfo("the reader ended %lld ms after the connection was lost", clock.elapsed());
+    QTRY_COMPARE(m.h.pasteboard.withdrawals, 1);
+    QCOMPARE(run(m, QString("ls '%1'").arg(m.mount.path())), QByteArray());
+}
+
+QTEST_GUILESS_MAIN(TestRemoteFiles)
+#include "tst_remotefiles.moc"
