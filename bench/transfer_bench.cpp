@@ -7,6 +7,7 @@
 #include "KXFileManager.h"
 #include "PasteboardAccess.h"
 #include "ProcessMemory.h"
+#include "linux/FuseMount.h"
 #include "LogOutput.h"
 
 #include <QCoreApplication>
@@ -252,6 +253,55 @@ void farDesktop(const PathOf &path, qint64 size)
     }
 }
 
+// One remote file copied by cp out of the companion's mount (the file manager's way),
+// from the copy being offered to cp's end; nothing if there is no mount here.
+std::optional<qint64> cpFromMount(const QString &offer, const QString &dest, int rttMs, int window)
+{
+    AgentProcess agent({"--offer", offer, "--rtt-ms", QString::number(rttMs)});
+    ClipBoardManager engine(QStringLiteral("ws://127.0.0.1"), agent.port(), QStringLiteral("bench"), QStringLiteral("1"),
+                            EngineContext::shared(noPasteboard), window);
+    FuseMount mount;
+    QString whyNot;
+    if (!mount.serve(engine.remoteFiles(), whyNot)) {
+        row(QStringLiteral("cp out of the mount"), QStringLiteral("not measured"), whyNot);
+        return std::nullopt;
+    }
+    bool ready = false;
+    QObject::connect(&engine.remoteFiles(), &RemoteFiles::copyReady, [&] { ready = true; });
+    if (!runUntil([&] { return ready; }, 20000))
+        qFatal("the remote copy was not laid out");
+    QDir().mkpath(dest);
+    QProcess cp;
+    QElapsedTimer timer;
+    timer.start();
+    cp.start(QStringLiteral("cp"), {mount.path() + QStringLiteral("/1/") + QDir(offer).entryList(QDir::Files).value(0), dest});
+    if (!runUntil([&] { return cp.state() == QProcess::NotRunning; }, 1800000) || cp.exitCode() != 0)
+        qFatal("cp out of the mount failed: %s", cp.readAllStandardError().constData());
+    return timer.elapsed();
+}
+
+// The file manager's way against the described paste of the same file, in the same run,
+// at the same window.
+void mountedFile(const PathOf &path, qint64 size)
+{
+    writeRandom(path("offer-mount/one.bin"), size);
+    for (int rtt : {0, 20}) {
+        for (int window : {1, 8}) {
+            const qint64 pasted = paste(path("offer-mount"), path("dest-mount"), rtt, window);
+            QDir(path("dest-mount")).removeRecursively();
+            const std::optional<qint64> copied = cpFromMount(path("offer-mount"), path("dest-mount"), rtt, window);
+            if (!copied)
+                return;
+            if (QFileInfo(path("dest-mount/one.bin")).size() != size)
+                qFatal("cp out of the mount gave a file of the wrong size");
+            QDir(path("dest-mount")).removeRecursively();
+            row(QStringLiteral("cp of %1 MiB from the mount, %2 ms, window %3").arg(size >> 20).arg(rtt).arg(window),
+                mbps(size, *copied),
+                QStringLiteral("paste %1; %2 of it").arg(mbps(size, pasted)).arg(double(pasted) / double(*copied), 0, 'f', 2));
+        }
+    }
+}
+
 // Paste throughput against the round trip for several windows, as rows and, when
 // KX_BENCH_CURVE names a file, as a table for scripts/plot-window to draw.
 void curve(const PathOf &path, qint64 size)
@@ -306,7 +356,7 @@ int main(int argc, char *argv[])
     kx::installStdoutLogHandler();
     logHandler = qInstallMessageHandler(removeScratchOnFatal);
     const double scale = qEnvironmentVariableIsSet("KX_BENCH_SCALE") ? qEnvironmentVariable("KX_BENCH_SCALE").toDouble() : 1.0;
-    // KX_BENCH_ONLY=big|files|rtt|curve runs one group, e.g. under a profiler.
+    // KX_BENCH_ONLY=big|files|rtt|curve|mount runs one group, e.g. under a profiler.
     const QString only = qEnvironmentVariable("KX_BENCH_ONLY");
     auto runs = [&](const char *group) { return only.isEmpty() || only == QLatin1String(group); };
     // The files go to the temporary folder; KX_BENCH_DIR puts them elsewhere, e.g. on a
@@ -328,6 +378,8 @@ int main(int argc, char *argv[])
         manyFiles(path, int(10000 * scale));
     if (runs("rtt"))
         farDesktop(path, qint64(256.0 * 1024 * 1024 * std::min(1.0, scale * 4)));
+    if (runs("mount"))
+        mountedFile(path, qint64(1024.0 * 1024 * 1024 * scale));
     if (runs("curve"))
         curve(path, qint64(256.0 * 1024 * 1024 * std::min(1.0, scale * 4)));
     return 0;

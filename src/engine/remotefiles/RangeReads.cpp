@@ -52,11 +52,12 @@ std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::si
     }
     const std::uint64_t end = std::min<std::uint64_t>(ref.size, offset + std::min<std::uint64_t>(size, ref.size));
     file.furthest = std::max(file.furthest, end);
+    // Asked for ahead of everything else, in their order.
     bool ready = true;
-    for (std::uint64_t chunk = offset / chunkSize; chunk <= (end - 1) / chunkSize; ++chunk)
+    for (std::uint64_t chunk = (end - 1) / chunkSize + 1; chunk-- > offset / chunkSize;)
         ready = !want(file, chunk, true) && ready;
     if (ready) {
-        reply(0, bytes(file, offset, end));
+        reply(0, pieces(file, offset, end));
         readAhead(file);
         dispatch();
         return 0;
@@ -238,18 +239,17 @@ void RangeReads::serve(File &file)
         }
     }
     for (Waiting &w : answered)
-        w.reply(0, bytes(file, w.offset, w.end));
+        w.reply(0, pieces(file, w.offset, w.end));
 }
 
-QByteArray RangeReads::bytes(const File &file, std::uint64_t offset, std::uint64_t end) const
+RangeReads::Pieces RangeReads::pieces(const File &file, std::uint64_t offset, std::uint64_t end) const
 {
-    QByteArray out;
-    out.reserve(qsizetype(end - offset));
+    Pieces out;
     for (std::uint64_t at = offset; at < end;) {
         const std::uint64_t chunk = at / chunkSize, within = at - chunk * chunkSize;
         const QByteArray &data = file.chunks.at(chunk).data;
         const std::uint64_t take = std::min<std::uint64_t>(end - at, std::uint64_t(data.size()) - within);
-        out.append(data.constData() + within, qsizetype(take));
+        out.emplace_back(data.constData() + within, qsizetype(take));
         at += take;
     }
     return out;

@@ -33,7 +33,10 @@ public:
     // Stream ids of file reads have the top bit set; a paste's never do.
     static constexpr std::uint32_t streamBit = 0x80000000u;
 
-    using Reply = std::function<void(int error, const QByteArray &data)>;
+    // The bytes of a read, as they lie in the cache: valid while the reply runs. Handed on
+    // in pieces, a read of a MiB is not first copied into one array.
+    using Pieces = std::vector<QByteArrayView>;
+    using Reply = std::function<void(int error, const Pieces &data)>;
     using Send = std::function<void(std::uint32_t streamId, std::uint32_t listIndex, std::uint64_t offset,
                                     std::uint32_t length)>;
     struct FileRef
@@ -105,7 +108,7 @@ private:
     void dispatch();
     void ask(std::uint32_t streamId, const Query &query);
     void serve(File &file);
-    QByteArray bytes(const File &file, std::uint64_t offset, std::uint64_t end) const;
+    Pieces pieces(const File &file, std::uint64_t offset, std::uint64_t end) const;
     void failWaiting(File &file, int error, bool forGood);
     void abandon(std::uint64_t key);
     void dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk);

@@ -19,6 +19,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -175,12 +176,14 @@ struct FuseMount::Ops
     {
         FuseMount *self = mountOf(req);
         const std::uint64_t id = self->m_files->read(fi->fh, std::uint64_t(std::max<off_t>(offset, 0)), size,
-                                                     [self, req](int error, const QByteArray &data) {
+                                                     [self, req](int error, const RangeReads::Pieces &data) {
                                                          self->m_reads.erase(req);
                                                          if (error)
-                                                             fuse_reply_err(req, error);
-                                                         else
-                                                             fuse_reply_buf(req, data.constData(), std::size_t(data.size()));
+                                                             return void(fuse_reply_err(req, error));
+                                                         std::vector<iovec> iov;
+                                                         for (const QByteArrayView piece : data)
+                                                             iov.push_back({const_cast<char *>(piece.data()), std::size_t(piece.size())});
+                                                         fuse_reply_iov(req, iov.data(), int(iov.size()));
                                                      });
         if (id) { // it waits for its ranges; a reader that gives up is answered at once
             self->m_reads[req] = id;
