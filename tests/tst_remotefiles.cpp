@@ -37,7 +37,12 @@ struct Reads
     }
     std::uint64_t read(const RangeReads::FileRef &file, std::uint64_t offset, std::size_t size)
     {
-        return reads.read(file, offset, size, [this](int error, const QByteArray &data) { answers.append({error, data}); });
+        return reads.read(file, offset, size, [this](int error, const RangeReads::Pieces &data) {
+            QByteArray joined;
+            for (const QByteArrayView piece : data)
+                joined += piece;
+            answers.append({error, joined});
+        });
     }
     bool reply(const Sent &query, const QByteArray &data)
     {
