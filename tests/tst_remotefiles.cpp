@@ -79,6 +79,7 @@ private slots:
     void readAhead_data();
     void readAhead();
     void repliesHeldToTheirQuery();
+    void peekThenCopy();
     void memoryBounded();
     void stalledRead();
     void hostileList();
@@ -163,11 +164,27 @@ void TestRemoteFiles::repliesHeldToTheirQuery()
     QVERIFY(!r.reads.handleReply(kx::makeContentsAnswer(3, "paste")));
 }
 
+// A file manager's peek at a file's start asks for no more than its chunk; the copy that
+// opens the file again soon after is served from what the peek fetched, then reads ahead.
+void TestRemoteFiles::peekThenCopy()
+{
+    Reads r(8);
+    const RangeReads::FileRef file{5, 2, 10 * chunk, "peeked"};
+    r.read(file, 0, 4096);
+    QCOMPARE(ranges(r.sent), (Ranges{{0, chunk}}));
+    QVERIFY(r.reply(r.sent.takeFirst(), bytesAt(0, chunk)));
+    r.reads.forget(file.key);
+    QCOMPARE(r.read(file, 0, 128 << 10), 0u);
+    QCOMPARE(r.answers.last(), (std::pair<int, QByteArray>{0, bytesAt(0, 128 << 10)}));
+    QCOMPARE(r.sent.size(), 8); // and now ahead: chunks 1 to 8
+}
+
 // Forty files read from their start with the widest window, every query answered: the
 // read-ahead stops at 64 MiB in all; one file read to its end keeps a few MiB.
 void TestRemoteFiles::memoryBounded()
 {
     Reads r(64);
+    r.reads.setKeepClosed(0);
     const auto answerAll = [&] {
         while (!r.sent.isEmpty()) {
             const Sent s = r.sent.takeFirst();
@@ -175,7 +192,7 @@ void TestRemoteFiles::memoryBounded()
         }
     };
     for (std::uint64_t f = 1; f <= 40; ++f)
-        r.read({f, std::uint32_t(f), 100 * chunk, "f"}, 0, 4096);
+        r.read({f, std::uint32_t(f), 100 * chunk, "f"}, 0, 128 << 10);
     answerAll();
     QCOMPARE(r.answers.size(), 40);
     QVERIFY2(r.reads.cachedChunks() <= RangeReads::maxChunks, qPrintable(QString::number(r.reads.cachedChunks())));

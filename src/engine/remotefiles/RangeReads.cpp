@@ -15,6 +15,8 @@ RangeReads::RangeReads(int window, Send send, QObject *parent)
 {
     setStallTimeout(defaultStallMs);
     connect(&m_stallCheck, &QTimer::timeout, this, &RangeReads::checkStalls);
+    m_closedCheck.setInterval(1000);
+    connect(&m_closedCheck, &QTimer::timeout, this, &RangeReads::dropClosed);
 }
 
 RangeReads::~RangeReads()
@@ -51,7 +53,11 @@ std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::si
         return 0;
     }
     const std::uint64_t end = std::min<std::uint64_t>(ref.size, offset + std::min<std::uint64_t>(size, ref.size));
+    // A file manager peeks at a file's first bytes to tell its type: only a large read, or
+    // one that goes on where the last ended, is worth reading ahead of.
+    file.streaming = size >= streamingReadSize || (offset > 0 && offset == file.furthest);
     file.furthest = std::max(file.furthest, end);
+    file.closed = false;
     // Asked for ahead of everything else, in their order.
     bool ready = true;
     for (std::uint64_t chunk = (end - 1) / chunkSize + 1; chunk-- > offset / chunkSize;)
@@ -89,6 +95,8 @@ bool RangeReads::want(File &file, std::uint64_t chunk, bool first)
 
 void RangeReads::readAhead(File &file)
 {
+    if (!file.streaming)
+        return;
     const std::uint64_t next = (file.furthest + chunkSize - 1) / chunkSize;
     for (std::uint64_t chunk = next; chunk < next + aheadLimit() && chunk * chunkSize < file.ref.size; ++chunk) {
         if (file.chunks.count(chunk))
@@ -305,15 +313,37 @@ void RangeReads::abandon(std::uint64_t key)
     }
 }
 
+// The file's last handle is closed. Its cache is kept a little while: a file manager opens
+// a file once to tell its type and again to copy it.
 void RangeReads::forget(std::uint64_t key)
 {
     const auto file = m_files.find(key);
     if (file == m_files.end())
         return;
     failWaiting(file->second, EIO, false);
-    m_chunkCount -= file->second.chunks.size();
-    m_files.erase(file);
+    file->second.closed = true;
+    file->second.closedSince.start();
+    if (m_keepClosedMs <= 0)
+        dropClosed();
+    else if (!m_closedCheck.isActive())
+        m_closedCheck.start();
     dispatch();
+}
+
+void RangeReads::dropClosed()
+{
+    bool any = false;
+    for (auto file = m_files.begin(); file != m_files.end();) {
+        if (file->second.closed && (m_keepClosedMs <= 0 || file->second.closedSince.hasExpired(m_keepClosedMs))) {
+            m_chunkCount -= file->second.chunks.size();
+            file = m_files.erase(file);
+        } else {
+            any = any || file->second.closed;
+            ++file;
+        }
+    }
+    if (!any)
+        m_closedCheck.stop();
 }
 
 void RangeReads::failAll(int error)
@@ -328,6 +358,7 @@ void RangeReads::failAll(int error)
     m_abandoned.clear();
     m_chunkCount = 0;
     m_stallCheck.stop();
+    m_closedCheck.stop();
     for (Reply &reply : replies)
         reply(error, {});
 }

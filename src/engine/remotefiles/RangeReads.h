@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
 
@@ -30,6 +31,8 @@ public:
     static constexpr std::size_t maxChunks = 256; // 64 MiB
     static constexpr int retryWaitMs = 600;
     static constexpr int defaultStallMs = 30000;
+    static constexpr int defaultKeepClosedMs = 10000;
+    static constexpr std::size_t streamingReadSize = 65536;
     // Stream ids of file reads have the top bit set; a paste's never do.
     static constexpr std::uint32_t streamBit = 0x80000000u;
 
@@ -54,7 +57,7 @@ public:
     // the read's id, by which it can be cancelled.
     std::uint64_t read(const FileRef &file, std::uint64_t offset, std::size_t size, Reply reply);
     void cancel(std::uint64_t readId, int error);
-    // The file's last handle is closed: its cache goes, and its queries are abandoned.
+    // The file's last handle is closed: reads waiting fail, and its cache goes after a while.
     void forget(std::uint64_t key);
     // Every read waiting is answered with the error, and everything is dropped.
     void failAll(int error);
@@ -62,6 +65,7 @@ public:
     bool handleReply(const FileSDK::CliprdrFileContentsResponse &reply);
 
     void setStallTimeout(int ms);
+    void setKeepClosed(int ms) { m_keepClosedMs = ms; }
     std::size_t cachedChunks() const { return m_chunkCount; }
     std::size_t outstanding() const { return m_outstanding.size(); }
     std::size_t aheadLimit() const;
@@ -89,6 +93,9 @@ private:
         std::vector<Waiting> waiting;
         QDeadlineTimer stall;
         bool failed = false;
+        bool streaming = false; // read in large or consecutive pieces: worth reading ahead
+        bool closed = false;
+        QElapsedTimer closedSince;
     };
     struct Query
     {
@@ -113,12 +120,15 @@ private:
     void abandon(std::uint64_t key);
     void dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk);
     void checkStalls();
+    void dropClosed();
     std::uint32_t nextStreamId();
 
     const int m_window;
     Send m_send;
     int m_stallMs = defaultStallMs;
     QTimer m_stallCheck;
+    int m_keepClosedMs = defaultKeepClosedMs;
+    QTimer m_closedCheck;
     std::map<std::uint64_t, File> m_files;
     std::deque<std::pair<std::uint64_t, std::uint64_t>> m_queue; // chunks to ask for, by file key
     std::map<std::uint32_t, Query> m_outstanding;

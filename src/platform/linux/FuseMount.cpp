@@ -284,6 +284,7 @@ bool FuseMount::serve(RemoteFiles &files, QString &whyNot)
     const char *argv[] = {"kx-clipboard", "-o", "ro,nosuid,nodev,noexec,default_permissions,fsname=kx-clipboard,subtype=kx-clipboard"};
     fuse_args args = FUSE_ARGS_INIT(3, const_cast<char **>(argv));
     m_session = fuse_session_new(&args, &ops, sizeof ops, this);
+    fuse_opt_free_args(&args); // the parser keeps a copy of what it did not take
     if (!m_session) {
         whyNot = QStringLiteral("the FUSE session could not be made");
         return false;
