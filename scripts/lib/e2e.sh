@@ -108,6 +108,15 @@ keep_both_if_asked() {
   focus_window "Names already taken" > /dev/null && xdotool key Return
 }
 
+# open_file_manager DIR: pcmanfm-qt on DIR, with a session bus of its own (without one it
+# ends at once, showing nothing); prints its window's id.
+open_file_manager() {
+  dbus-daemon --session --nofork --address="unix:path=$work/bus" > "$work/dbus.log" 2>&1 & pids+=($!)
+  for _ in $(seq 50); do [ -S "$work/bus" ] && break; sleep 0.1; done
+  DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus pcmanfm-qt --new-window "$1" > "$work/pcmanfm.log" 2>&1 & pids+=($!)
+  find_window "^$(basename "$1")$"
+}
+
 # confirm_alert: the end-of-paste alert, answered.
 confirm_alert() {
   focus_window "^KXClipboard$" > /dev/null && xdotool key Return
