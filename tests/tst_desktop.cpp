@@ -98,6 +98,8 @@ private slots:
     void clipboardPoll();
     void keyChords_data();
     void keyChords();
+    void pasteFiles_data();
+    void pasteFiles();
     void hostAndPermission();
     void windowAndAlerts();
     void pasteThroughCtrlV();
@@ -306,6 +308,57 @@ void TestDesktop::keyChords()
     LogCapture log;
     state.press(command, text);
     QVERIFY(log.contains("Command + V 按下") == pastes && sink.sent.size() == (pastes ? 1 : 0));
+}
+
+// paste,files: where remote files can be served, a remote copy's list is asked for at once
+// and Ctrl+V asks for nothing; elsewhere the paste is as without it, and the log says why.
+void TestDesktop::pasteFiles_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<bool>("hasFileSystem");
+    QTest::addColumn<QString>("refusal");
+    QTest::addColumn<bool>("served");
+    QTest::addColumn<QString>("logged");
+
+    const QString instead = " - Ctrl+V opens the folder chooser instead";
+    QTest::newRow("served") << QStringList{"paste,files"} << true << "" << true
+                            << "the file manager pastes the remote files; no folder is asked for";
+    QTest::newRow("not asked for") << QStringList{} << true << "" << false << "Command + V 按下";
+    QTest::newRow("another value") << QStringList{"paste,folders"} << true << "" << false << "Command + V 按下";
+    QTest::newRow("a path holding the key") << QStringList{"/home/me/paste,files"} << true << "" << false << "Command + V 按下";
+    QTest::newRow("no mount possible") << QStringList{"paste,files"} << true << "/dev/fuse cannot be opened (Permission denied)" << false
+                                       << "remote files cannot be pasted from the file manager: /dev/fuse cannot be opened (Permission denied)" + instead;
+    QTest::newRow("no file system at all") << QStringList{"paste,files"} << false << "" << false
+                                           << "remote files cannot be pasted from the file manager: this desktop has no file system for them" + instead;
+}
+
+void TestDesktop::pasteFiles()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(bool, hasFileSystem);
+    QFETCH(QString, refusal);
+    QFETCH(bool, served);
+    QFETCH(QString, logged);
+    state.hasFileSystem = hasFileSystem;
+    state.fileSystemRefusal = refusal;
+    platform = std::make_unique<Platform>(makeFakePlatform(state));
+    LogCapture log;
+    start(arguments);
+    QCOMPARE(state.filesServedTold, int(served));
+    sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList));
+    QCOMPARE(sink.sent.size(), int(served)); // the list, asked for at once
+    state.press(true, "v");
+    QCOMPARE(sink.sent.size(), 1);
+    QCOMPARE(sink.sent.first().back(), char(FrameType::formatDataRequest));
+    QVERIFY2(log.lines().contains(logged), qPrintable(log.lines().join('\n')));
+    // The served files copied locally (as the file manager's Ctrl+C of them would) are
+    // not announced back to the remote side.
+    QTemporaryDir dir;
+    QVERIFY(writeFile(dir.filePath("a"), "a"));
+    state.copy({QUrl::fromLocalFile("/fake/files/1/a"), QUrl::fromLocalFile(dir.filePath("a"))});
+    controller->watcher()->checkPasteboard();
+    QCOMPARE(sink.sent.size(), served ? 1 : 2);
+    QCOMPARE(log.contains("a local copy of the remote files themselves is not offered back"), served);
 }
 
 void TestDesktop::hostAndPermission()
@@ -621,6 +674,11 @@ void TestDesktop::copyNotifications()
     QTRY_COMPARE(bus.service.texts, (QList<QStringList>{sending, sent, sending, sent}));
     QCOMPARE(bus.service.replaced, (QList<uint>{0, 42, 0, 44}));
     QVERIFY(bus.service.actions == QList<QStringList>(4) && bus.service.closed.isEmpty());
+    // Where the file manager pastes, remote copies bring the folder chooser's way.
+    trigger.setFilesServed();
+    trigger.setOffered(true);
+    QTRY_COMPARE(bus.service.actions.size(), 5);
+    QCOMPARE(bus.service.actions.last(), (QStringList{"paste", "Paste to folder…"}));
 }
 
 void TestDesktop::trayMenu_data()

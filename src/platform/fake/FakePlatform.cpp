@@ -1,5 +1,7 @@
 #include "FakePlatform.h"
 
+#include "RemoteFiles.h"
+
 namespace {
 
 class FakePasteboard : public Pasteboard
@@ -99,6 +101,22 @@ public:
     void setRemoteOffer(const RemoteOffer &offer) override { s.offers.append(offer); }
     void setCopySending(const CopySending &sending) override { s.sendings.append(sending); }
     void onQuit(std::function<void()> quit) override { s.chooseQuit = std::move(quit); }
+    void setFilesServed() override { ++s.filesServedTold; }
+    FakePlatformState &s;
+};
+
+class FakeFileSystem : public FileSystemHost
+{
+public:
+    explicit FakeFileSystem(FakePlatformState &s) : s(s) {}
+    bool serve(RemoteFiles &files, QString &whyNot) override
+    {
+        if (!s.fileSystemRefusal.isEmpty())
+            return whyNot = s.fileSystemRefusal, false;
+        files.setMountPath(QStringLiteral("/fake/files"));
+        return true;
+    }
+    QString path() const override { return QStringLiteral("/fake/files"); }
     FakePlatformState &s;
 };
 
@@ -113,5 +131,7 @@ Platform makeFakePlatform(FakePlatformState &state)
     platform.alerts = std::make_unique<FakeAlerts>(state);
     platform.services = std::make_unique<FakeServices>(state);
     platform.pasteTriggers.push_back(std::make_unique<FakeTrigger>(state));
+    if (state.hasFileSystem)
+        platform.fileSystem = std::make_unique<FakeFileSystem>(state);
     return platform;
 }

@@ -34,6 +34,11 @@ struct FakePlatformState
     QList<RemoteOffer> offers;
     QList<CopySending> sendings;
     std::function<void()> choosePaste, chooseQuit;
+    int filesServedTold = 0;
+    // The file system for remote files: none, one that refuses with these words, or (empty
+    // words) one that serves at /fake/files.
+    bool hasFileSystem = false;
+    QString fileSystemRefusal;
 
     void copy(const QList<QUrl> &newUrls) { urls = newUrls; ++changeCount; }
     void press(bool command, const QString &text) { if (keyHandler) keyHandler(KeyEvent{command, text}); }
