@@ -393,6 +393,17 @@ void TestRemoteFiles::mountedCopy()
     const auto sum = [](const QByteArray &b) { return QCryptographicHash::hash(b, QCryptographicHash::Sha256).toHex(); };
     QCOMPARE(ends, QByteArray::number(huge) + " 644\n" + sum(bytesAt(0, 1 << 20)) + "  -\n" + sum(bytesAt(huge - (1 << 20), 1 << 20)) + "  -\n");
     QVERIFY(run(m, QString("touch '%1/top/new' 2>&1; ls '%1/top'").arg(copy)).contains("Read-only file system"));
+
+    // The companion ends during a read: the reader gets an error first, then the mount goes.
+    QProcess reader;
+    reader.start("cat", {copy + "/big.iso"});
+    QVERIFY(reader.waitForStarted() && QTest::qWaitFor([&] { return !m.h.agent->frames.isEmpty(); }, 5000));
+    const QByteArray mounted = " " + QFile::encodeName(m.mount.path()) + " ";
+    m.h.engine.reset();
+    QVERIFY(QTest::qWaitFor([&] { return reader.state() == QProcess::NotRunning; }, 5000));
+    QVERIFY(reader.exitCode() != 0 && reader.readAllStandardError().contains("Input/output error"));
+    QFile table("/proc/self/mountinfo");
+    QVERIFY(table.open(QIODevice::ReadOnly) && !table.readAll().contains(mounted) && m.mount.path().isEmpty());
 }
 
 // The connection lost during a read: the reader gets an error within seconds, not a hang.

@@ -43,8 +43,8 @@
         <translation>远程桌面正在获取您复制的%1。</translation>
     </message>
     <message>
-        <source>Paste them with Ctrl+V in a folder of your file manager, or choose Paste to folder….</source>
-        <translation>在文件管理器的文件夹中按 Ctrl+V 粘贴它们，或选择“粘贴到文件夹…”。</translation>
+        <source>Press Ctrl+V in a folder of your file manager to paste them there, or choose “Paste to folder…” to pick one.</source>
+        <translation>在文件管理器的文件夹中按 Ctrl+V 即可粘贴，或选择“粘贴到文件夹…”另选文件夹。</translation>
     </message>
     <message>
         <source>Paste to folder…</source>

@@ -48,7 +48,7 @@ void NotificationTrigger::notify()
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
     message << QStringLiteral(KX_APP_DISPLAY_NAME) << m_id << QStringLiteral("edit-paste")
            << tr("Files copied on the remote desktop")
-           << (m_filesServed ? tr("Paste them with Ctrl+V in a folder of your file manager, or choose Paste to folder….")
+           << (m_filesServed ? tr("Press Ctrl+V in a folder of your file manager to paste them there, or choose “Paste to folder…” to pick one.")
                              : tr("Choose Paste… to save them in a folder of yours."))
            << QStringList{pasteAction, m_filesServed ? tr("Paste to folder…") : QStringLiteral("Paste…")}
            << QVariantMap{{QStringLiteral("resident"), true}, {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)}}
