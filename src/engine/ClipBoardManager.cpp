@@ -90,6 +90,7 @@ void ClipBoardManager::socketDidDisconnect()
     endPendingPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
     endRunningPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
     m_listRequests.clear();
+    m_listTimer->stop();
     if (m_files)
         m_files->connectionLost();
     setFormList(std::nullopt);
@@ -198,12 +199,15 @@ void ClipBoardManager::sendFormatDataRequest(ProgressCallback progress, Completi
     m_pending->completion = std::move(completion);
     if (m_filesOffered)
         emit filesOffered(m_filesOffered = false); // the paste has started
-    m_listTimer->start();
     requestList(false);
 }
 
+// Each list asked for must come within the time-out, the file system's as a paste's: lists
+// are told apart only by their order, and one that never comes would shift every later one.
 void ClipBoardManager::requestList(bool forFiles)
 {
+    if (m_listRequests.empty())
+        m_listTimer->start();
     m_listRequests.push_back(forFiles);
     std::uint32_t formatId = 0;
     for (const FileSDK::CliprdrFormat &format : m_formList->formats()) {
@@ -223,6 +227,10 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
     const bool forFiles = !m_listRequests.empty() && m_listRequests.front();
     if (!m_listRequests.empty())
         m_listRequests.pop_front();
+    if (m_listRequests.empty())
+        m_listTimer->stop();
+    else
+        m_listTimer->start(); // the next one's turn
     if (forFiles)
         return takeListForFiles(payload);
     // Only the paste that asked for a list takes one: a list nobody asked for opens no
@@ -231,7 +239,6 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
         qCInfo(lcEngine).noquote() << "a descriptor list that no paste asked for; ignored";
         return;
     }
-    m_listTimer->stop();
     const DescriptorList::Scan scan = DescriptorList::scan(payload, m_pending->list);
     if (scan != DescriptorList::Scan::ok) {
         qCInfo(lcEngine).noquote().nospace()
@@ -359,7 +366,6 @@ void ClipBoardManager::endPendingPaste(PastedError error, PasteReport::Why why)
         return;
     m_lastReport = PasteReport();
     m_lastReport.why = why;
-    m_listTimer->stop();
     const CompletionCallback completion = std::move(m_pending->completion);
     m_pending.reset();
     m_pasteStatus = pasteRunning() ? PasteStatus::downloading : PasteStatus::complete;
@@ -374,8 +380,16 @@ void ClipBoardManager::endRunningPaste(PastedError error, PasteReport::Why why)
         m_paste->end(false, error, why);
 }
 
+// A list that never came: none of those still asked for is waited for any more, so that a
+// later one is not taken for another's.
 void ClipBoardManager::listTimedOut()
 {
+    m_listRequests.clear();
+    if (!m_pending || m_pending->choosing) {
+        qCInfo(lcEngine).noquote().nospace() << "the remote side has not sent the file list asked for in "
+                                             << QString::number(m_replyTimeoutMs / 1000.0) << " seconds; it is not waited for";
+        return;
+    }
     qCInfo(lcEngine).noquote().nospace() << "the remote side has not answered for "
                                          << QString::number(m_replyTimeoutMs / 1000.0) << " seconds; the paste ends";
     endPendingPaste(PastedError::websoketDisconnect, PasteReport::Why::noAnswer);

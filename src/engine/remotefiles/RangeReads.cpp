@@ -145,8 +145,20 @@ bool RangeReads::isWaitedFor(const File &file, std::uint64_t chunk) const
                        [&](const Waiting &w) { return w.offset < end && w.end > start; });
 }
 
+// A chunk let go while it is asked for: its query's reply, when it comes, must not fill the
+// chunk made afresh in its place.
 void RangeReads::dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk)
 {
+    if (chunk->second.state == State::asked) {
+        for (auto query = m_outstanding.begin(); query != m_outstanding.end();) {
+            if (query->second.key == file.ref.key && query->second.chunk == chunk->first) {
+                m_abandoned.insert(query->first);
+                query = m_outstanding.erase(query);
+            } else {
+                ++query;
+            }
+        }
+    }
     file.chunks.erase(chunk);
     --m_chunkCount;
 }
@@ -211,14 +223,16 @@ bool RangeReads::handleReply(const FileSDK::CliprdrFileContentsResponse &reply)
         dispatch();
         return true;
     }
+    // A reply fills its chunk only where the chunk's bytes end; complete is exactly whole.
     auto chunk = file.chunks.find(asked.chunk);
-    if (chunk != file.chunks.end()) {
+    if (chunk != file.chunks.end() && chunk->second.state == State::asked
+        && asked.offset == asked.chunk * chunkSize + std::uint64_t(chunk->second.data.size())) {
         chunk->second.data.append(data.data(), qsizetype(data.size()));
-        if (data.size() < asked.length) // the rest, before anything else
+        if (std::uint64_t(chunk->second.data.size()) == chunkLength(file, asked.chunk))
+            chunk->second.state = State::complete;
+        else if (data.size() < asked.length) // the rest, before anything else
             ask(nextStreamId(), Query{asked.key, asked.chunk, asked.offset + data.size(),
                                       std::uint32_t(asked.length - data.size()), false});
-        else
-            chunk->second.state = State::complete;
     }
     file.stall.setRemainingTime(m_stallMs); // data came: none of its reads is stalled
     serve(file);
@@ -256,6 +270,8 @@ RangeReads::Pieces RangeReads::pieces(const File &file, std::uint64_t offset, st
     for (std::uint64_t at = offset; at < end;) {
         const std::uint64_t chunk = at / chunkSize, within = at - chunk * chunkSize;
         const QByteArray &data = file.chunks.at(chunk).data;
+        if (std::uint64_t(data.size()) <= within) // never for a complete chunk; a short read, not a loop
+            break;
         const std::uint64_t take = std::min<std::uint64_t>(end - at, std::uint64_t(data.size()) - within);
         out.emplace_back(data.constData() + within, qsizetype(take));
         at += take;

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -73,11 +74,18 @@ void RemoteFiles::buildLater(std::uint64_t serial)
     qCInfo(lcEngine).noquote().nospace() << "remote copy " << serial << " can be pasted from the file manager: "
                                          << tree.files() << " files, " << tree.bytes() << " bytes, in "
                                          << m_mountPath << '/' << serial;
+    const QString folder = m_mountPath + QLatin1Char('/') + QString::number(serial);
     QList<QUrl> urls;
-    for (const std::uint32_t node : tree.node(0).children)
-        urls.append(QUrl::fromLocalFile(m_mountPath + QLatin1Char('/') + QString::number(serial) + QLatin1Char('/')
-                                        + QFile::decodeName(tree.node(node).name)));
-    if (!urls.isEmpty())
+    const std::vector<std::uint32_t> &top = tree.node(0).children;
+    if (top.size() > maxOfferedUrls) {
+        qCInfo(lcEngine).noquote().nospace() << "remote copy " << serial << " has " << top.size()
+                                             << " entries at its top; its folder is offered instead";
+        urls.append(QUrl::fromLocalFile(folder));
+    } else {
+        for (const std::uint32_t node : top)
+            urls.append(QUrl::fromLocalFile(folder + QLatin1Char('/') + QFile::decodeName(tree.node(node).name)));
+    }
+    if (!top.empty())
         emit copyReady(urls);
 }
 
@@ -91,13 +99,19 @@ void RemoteFiles::retireCopy()
     }
     if (!m_copies.empty())
         m_collect.start();
+    collect();
 }
 
+// A retired copy lingers a minute after its last read, one the file system never looked
+// at a few seconds; never more than a few at once, however fast newer copies come.
 void RemoteFiles::collect()
 {
+    std::size_t lingering = std::count_if(m_copies.begin(), m_copies.end(), [](const auto &c) { return !c.second.current; });
     for (auto copy = m_copies.begin(); copy != m_copies.end();) {
         const Copy &c = copy->second;
-        if (!c.current && c.handles == 0 && c.lastUse.hasExpired(m_lingerMs)) {
+        const bool tooMany = lingering > maxLingering;
+        if (!c.current && c.handles == 0 && (tooMany || c.lastUse.hasExpired(c.used ? m_lingerMs : m_lingerMs / 12))) {
+            --lingering;
             qCInfo(lcEngine).noquote().nospace() << "the folder of remote copy " << copy->first << " is gone";
             copy = m_copies.erase(copy);
         } else {
@@ -124,6 +138,7 @@ const RemoteFiles::Copy *RemoteFiles::copyOf(std::uint64_t inode) const
     const auto copy = m_copies.find(inode >> 32);
     if (copy == m_copies.end() || !copy->second.tree->built() || (inode & 0xffffffffu) >= copy->second.tree->size())
         return nullptr;
+    copy->second.used = true;
     return &copy->second;
 }
 

@@ -28,6 +28,10 @@ public:
     static constexpr std::uint64_t rootInode = 1;
     static constexpr int defaultLingerMs = 60000;
     static constexpr int sliceMs = 50;
+    // More top-level entries than a clipboard sensibly carries: the copy's folder is offered.
+    static constexpr std::size_t maxOfferedUrls = 10000;
+    // Older copies kept at the most, however fast newer ones come.
+    static constexpr std::size_t maxLingering = 4;
 
     struct Attributes
     {
@@ -86,6 +90,7 @@ private:
         std::unique_ptr<RemoteTree> tree;
         int handles = 0;
         bool current = true;
+        mutable bool used = false; // the file system has looked at it: it lingers longer when retired
         QElapsedTimer lastUse;
     };
     struct Handle

@@ -49,6 +49,8 @@ std::optional<std::uint32_t> RemoteTree::child(std::uint32_t folder, const QByte
 // empty components vanish; and a name the file system could not hold is left out too.
 void RemoteTree::place(std::size_t entry, const FileSDK::FileDescriptorw &d)
 {
+    if (d.cfilename().size() > PATH_MAX) // split, a name of millions of parts costs gigabytes
+        return m_leftOut(entry, QString::fromStdString(d.cfilename().substr(0, 64)), "its name is too long for a path");
     const QString name = QString::fromStdString(d.cfilename());
     if (!kx::isContainedRemotePath(name))
         return m_leftOut(entry, name, "its name would lead outside the copy's folder");
@@ -57,11 +59,17 @@ void RemoteTree::place(std::size_t entry, const FileSDK::FileDescriptorw &d)
         return m_leftOut(entry, name, "its name is empty or not a name");
     const bool folder = kx::wire::isFolderAttributes(d.dwfileattributes());
     std::vector<QByteArray> locals;
+    qsizetype length = 0;
     for (const QString &part : parts) {
         locals.push_back(QFile::encodeName(part));
         if (locals.back().size() > NAME_MAX)
             return m_leftOut(entry, name, "a part of its name is too long for a file name");
+        length += locals.back().size() + 1;
     }
+    if (length > PATH_MAX - roomForMount)
+        return m_leftOut(entry, name, "its name is too long for a path");
+    if (m_nodes.size() + locals.size() > maxNodes)
+        return m_leftOut(entry, name, "the copy holds too many files and folders");
     std::uint32_t at = 0;
     for (std::size_t i = 0; i < locals.size(); ++i) {
         const QByteArray &local = locals[i];

@@ -33,6 +33,11 @@ public:
     // An entry that is not laid out, and why, in words for the log.
     using LeftOut = std::function<void(std::size_t entry, const QString &name, const char *why)>;
 
+    // Folders a path implies count too: a list of deep, distinct paths is bounded all the same.
+    static constexpr std::size_t maxNodes = 2 * DescriptorList::maxEntries;
+    // What a path beneath the mount may take of PATH_MAX; the mount's own path takes the rest.
+    static constexpr int roomForMount = 256;
+
     // now: the time of what carries none (folders a path implies, entries without one).
     RemoteTree(DescriptorList list, timespec now, LeftOut leftOut);
 

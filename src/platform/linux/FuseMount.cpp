@@ -10,9 +10,11 @@
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTimer>
 
 #include <cerrno>
 #include <csignal>
+#include <limits>
 #include <cstring>
 
 #include <fcntl.h>
@@ -35,7 +37,7 @@ struct stat statOf(const RemoteFiles::Attributes &a)
     st.st_ino = a.inode;
     st.st_mode = a.folder ? (S_IFDIR | 0755) : (S_IFREG | 0644);
     st.st_nlink = a.folder ? 2 : 1;
-    st.st_size = off_t(a.size);
+    st.st_size = off_t(std::min<std::uint64_t>(a.size, std::numeric_limits<off_t>::max()));
     st.st_blksize = 1 << 20; // copying programs size their buffers by it
     st.st_blocks = blkcnt_t((a.size + 511) / 512);
     st.st_atim = st.st_mtim = st.st_ctim = a.modified;
@@ -191,12 +193,18 @@ struct FuseMount::Ops
         }
     }
 
+    // Answered on the next turn, not here: libfuse may call this while it holds the
+    // request, which an answer would free under it.
     static void interrupted(fuse_req_t req, void *data)
     {
         auto *self = static_cast<FuseMount *>(data);
         const auto found = self->m_reads.find(req);
-        if (found != self->m_reads.end() && self->m_files)
-            self->m_files->cancelRead(found->second, EINTR);
+        if (found == self->m_reads.end())
+            return;
+        QTimer::singleShot(0, self, [self, id = found->second] {
+            if (self->m_files)
+                self->m_files->cancelRead(id, EINTR);
+        });
     }
 
     static void release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi)
