@@ -85,6 +85,7 @@ private slots:
     void stalledRead();
     void hostileList();
     void lingeringCopies();
+    void listNeverSent();
     void mountedCopy();
     void dropAndNewerCopy();
 
@@ -332,6 +333,25 @@ void TestRemoteFiles::lingeringCopies()
     files.release(handle);
     QVERIFY(!QTest::qWaitFor([&] { return files.copies() < 2; }, 500));
     QTRY_COMPARE_WITH_TIMEOUT(files.copies(), 1u, 4000);
+}
+
+// The remote side never sends the list the file system asked for: once the time-out has
+// passed, a paste's list is the paste's, not taken for the one that never came.
+void TestRemoteFiles::listNeverSent()
+{
+    EngineHarness h(1);
+    h.engine->remoteFiles().setMountPath("/nowhere");
+    h.engine->setReplyTimeout(100);
+    LogCapture log;
+    h.remoteCopy();
+    QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+    QTRY_VERIFY(log.contains("the remote side has not sent the file list asked for in 0.1 seconds; it is not waited for"));
+    h.paste(); // the paste to a folder, of the same copy
+    QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+    h.offer({descriptor("a.txt", 2)});
+    QVERIFY(h.serve({{0, "ok"}}));
+    QVERIFY(h.lastEnd(true, PastedError::noError) && h.chooser->runs == 1 && h.pasteboard.offered.isEmpty());
+    QCOMPARE(readFile(h.dest + "/a.txt"), QByteArray("ok"));
 }
 
 bool TestRemoteFiles::canMount()
