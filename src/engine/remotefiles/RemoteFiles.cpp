@@ -31,10 +31,8 @@ RemoteFiles::RemoteFiles(int window, RangeReads::Send send, QObject *parent)
     connect(&m_collect, &QTimer::timeout, this, &RemoteFiles::collect);
 }
 
-RemoteFiles::~RemoteFiles()
-{
-    m_reads.failAll(EIO);
-}
+// The reads' own end answers every read still waiting, before the file system hears of it.
+RemoteFiles::~RemoteFiles() = default;
 
 bool RemoteFiles::isUnderMount(const QUrl &url) const
 {
