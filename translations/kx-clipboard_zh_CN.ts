@@ -36,11 +36,11 @@
     </message>
     <message>
         <source>The remote desktop has received %1 of your copy.</source>
-        <translation>远程桌面已收到您复制的%1。</translation>
+        <translation>远程桌面已收到您复制的 %1。</translation>
     </message>
     <message>
         <source>The remote desktop is fetching %1 of your copy.</source>
-        <translation>远程桌面正在获取您复制的%1。</translation>
+        <translation>远程桌面正在获取您复制的 %1。</translation>
     </message>
     <message>
         <source>Press Ctrl+V in a folder of your file manager to paste them there, or choose “Paste to folder…” to pick one.</source>
