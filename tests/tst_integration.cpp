@@ -58,25 +58,6 @@ bool reconnected(EngineHarness &h)
         && h.agent->nextFrame(0) == QByteArray(1, 0);
 }
 
-// The longest the event loop went without running a timer due every 5 ms: how long one
-// turn of it held the connection and the user waiting.
-struct TurnWatch
-{
-    // Far above what a turn takes here (about 150 ms, under another test's load on two
-    // cores), far below the seconds each attack held the loop before it was bounded.
-    static constexpr qint64 limitMs = 1000;
-
-    QTimer tick;
-    QElapsedTimer since;
-    qint64 longest = 0;
-    TurnWatch()
-    {
-        QObject::connect(&tick, &QTimer::timeout, &tick, [this] { longest = std::max(longest, since.restart()); });
-        since.start();
-        tick.start(5);
-    }
-};
-
 } // namespace
 
 class TestIntegration : public QObject

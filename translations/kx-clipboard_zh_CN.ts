@@ -11,6 +11,10 @@
         <source>%L1 items</source>
         <translation>%L1 个项目</translation>
     </message>
+    <message>
+        <source>%1 (%2)</source>
+        <translation>%1（%2）</translation>
+    </message>
 </context>
 <context>
     <name>NotificationTrigger</name>
@@ -21,10 +25,6 @@
     <message>
         <source>Choose Paste… to save them in a folder of yours.</source>
         <translation>选择“粘贴…”可将它们保存到您的文件夹。</translation>
-    </message>
-    <message>
-        <source>%1 (%2)</source>
-        <translation>%1（%2）</translation>
     </message>
     <message>
         <source>Sent to the remote desktop</source>
@@ -222,10 +222,6 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
     <message>
         <source>%1 on the remote clipboard</source>
         <translation>远程剪贴板上有 %1</translation>
-    </message>
-    <message>
-        <source>%1 (%2)</source>
-        <translation>%1（%2）</translation>
     </message>
     <message>
         <source>%1 sent to the remote desktop</source>

@@ -241,10 +241,7 @@ void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
     }
     const DescriptorList::Scan scan = DescriptorList::scan(payload, m_pending->list);
     if (scan != DescriptorList::Scan::ok) {
-        qCInfo(lcEngine).noquote().nospace()
-            << (scan == DescriptorList::Scan::tooLong
-                    ? QStringLiteral("the remote copy has more than %1 entries; it is not pasted").arg(DescriptorList::maxEntries)
-                    : QStringLiteral("the remote copy could not be read: its file list does not decode"));
+        logRefusedList(scan, "pasted");
         endPendingPaste(PastedError::unKonwnError, scan == DescriptorList::Scan::tooLong ? PasteReport::Why::tooManyFiles
                                                                                         : PasteReport::Why::unreadable);
         return;
@@ -315,19 +312,22 @@ void ClipBoardManager::handleContentResponse(const QByteArray &payload)
     m_paste->handleContentResponse(*reply);
 }
 
+void ClipBoardManager::logRefusedList(DescriptorList::Scan scan, const char *what)
+{
+    qCInfo(lcEngine).noquote().nospace()
+        << (scan == DescriptorList::Scan::tooLong
+                ? QStringLiteral("the remote copy has more than %1 entries; it is not %2").arg(DescriptorList::maxEntries).arg(QLatin1String(what))
+                : QStringLiteral("the remote copy could not be read: its file list does not decode"));
+}
+
 void ClipBoardManager::takeListForFiles(const QByteArray &payload)
 {
     if (!servesFiles())
         return;
     DescriptorList list;
     const DescriptorList::Scan scan = DescriptorList::scan(payload, list);
-    if (scan != DescriptorList::Scan::ok) {
-        qCInfo(lcEngine).noquote().nospace()
-            << (scan == DescriptorList::Scan::tooLong
-                    ? QStringLiteral("the remote copy has more than %1 entries; it is not served as files").arg(DescriptorList::maxEntries)
-                    : QStringLiteral("the remote copy could not be read: its file list does not decode"));
-        return;
-    }
+    if (scan != DescriptorList::Scan::ok)
+        return logRefusedList(scan, "served as files");
     emit offerChanged(RemoteOffer{true, PasteContents{list.size(), kx::filesSize(payload)}});
     m_files->addCopy(std::move(list));
 }

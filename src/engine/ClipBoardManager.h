@@ -124,6 +124,7 @@ private:
     void sendFormatDataRequest(ProgressCallback progress, CompletionCallback completion);
     void requestList(bool forFiles);
     void takeListForFiles(const QByteArray &payload);
+    static void logRefusedList(DescriptorList::Scan scan, const char *what);
     void startDownload(const QUrl &url);
     bool pasteRunning() const;
     // Ends the paste that waits for its list, or the download that runs, with its own

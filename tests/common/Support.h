@@ -6,7 +6,11 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QMap>
+#include <QElapsedTimer>
 #include <QRegularExpression>
+#include <QTimer>
+
+#include <algorithm>
 
 inline QByteArray hex(const char *text)
 {
@@ -52,3 +56,22 @@ inline QStringList treeOf(const QString &folder)
     tree.sort();
     return tree;
 }
+
+// The longest the event loop went without running a timer due every 5 ms: how long one
+// turn of it held the connection and the user waiting.
+struct TurnWatch
+{
+    // Far above what a turn takes here (about 150 ms, under another test's load on two
+    // cores), far below the seconds each attack held the loop before it was bounded.
+    static constexpr qint64 limitMs = 1000;
+
+    QTimer tick;
+    QElapsedTimer since;
+    qint64 longest = 0;
+    TurnWatch()
+    {
+        QObject::connect(&tick, &QTimer::timeout, &tick, [this] { longest = std::max(longest, since.restart()); });
+        since.start();
+        tick.start(5);
+    }
+};

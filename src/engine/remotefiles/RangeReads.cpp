@@ -306,16 +306,10 @@ void RangeReads::failWaiting(File &file, int error, bool forGood)
         w.reply(error, {});
 }
 
+// Every query outstanding fills a chunk not yet whole: letting those chunks go abandons
+// the queries with them.
 void RangeReads::abandon(std::uint64_t key)
 {
-    for (auto query = m_outstanding.begin(); query != m_outstanding.end();) {
-        if (query->second.key == key) {
-            m_abandoned.insert(query->first);
-            query = m_outstanding.erase(query);
-        } else {
-            ++query;
-        }
-    }
     const auto file = m_files.find(key);
     if (file == m_files.end())
         return;

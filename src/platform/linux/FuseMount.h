@@ -43,7 +43,6 @@ private:
     fuse_session *m_session = nullptr;
     std::unique_ptr<QSocketNotifier> m_notifier;
     void *m_buffer = nullptr;      // libfuse's request buffer, reused
-    std::size_t m_bufferSize = 0;
     std::map<fuse_req *, std::uint64_t> m_reads; // reads waiting for their ranges
     std::map<std::uint64_t, std::vector<RemoteFiles::Entry>> m_folders; // listings of open folders
     std::uint64_t m_folderCounter = 0;

@@ -73,7 +73,7 @@ void NotificationTrigger::setCopySending(const CopySending &sending)
 
 QDBusMessage NotificationTrigger::sendingMessage(const CopySending &sending, uint replaces) const
 {
-    const QString what = tr("%1 (%2)").arg(ContentsText::items(sending.files), ContentsText::size(sending.bytes));
+    const QString what = ContentsText::itemsOfSize(sending.files, sending.bytes);
     QDBusMessage message = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Notify"));
     message << QStringLiteral(KX_APP_DISPLAY_NAME) << replaces << QStringLiteral("document-send")
             << (sending.done ? tr("Sent to the remote desktop") : tr("Sending to the remote desktop…"))

@@ -16,3 +16,8 @@ QString ContentsText::size(std::uint64_t bytes)
 {
     return QLocale().formattedDataSize(qint64(std::min<std::uint64_t>(bytes, std::numeric_limits<qint64>::max())));
 }
+
+QString ContentsText::itemsOfSize(std::size_t count, std::uint64_t bytes)
+{
+    return tr("%1 (%2)").arg(items(count), size(bytes));
+}

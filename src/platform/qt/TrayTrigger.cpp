@@ -55,7 +55,7 @@ void TrayTrigger::setRemoteOffer(const RemoteOffer &offer)
 
 void TrayTrigger::setCopySending(const CopySending &sending)
 {
-    const QString what = tr("%1 (%2)").arg(ContentsText::items(sending.files), ContentsText::size(sending.bytes));
+    const QString what = ContentsText::itemsOfSize(sending.files, sending.bytes);
     m_sending->setText(sending.done ? tr("%1 sent to the remote desktop").arg(what)
                                     : tr("Sending %1 to the remote desktop…").arg(what));
     m_sending->setVisible(true);
