@@ -56,19 +56,25 @@ void NotificationTrigger::notify()
     m_inFlight = m_bus.callWithCallback(message, this, SLOT(shown(uint)), SLOT(settle()));
 }
 
+// A copy's first bytes open a notification of its own; its last byte replaces it. The
+// replacement needs the id the service gives the first, so the news goes out one at a
+// time, in order, each after the service has answered the one before.
 void NotificationTrigger::setCopySending(const CopySending &sending)
 {
-    // A copy's first bytes open a notification of its own; its last byte replaces it, also
-    // when it comes before the service has told the first one's id.
-    if (!sending.done) {
-        m_sendingInFlight = true;
-        m_sendingDone.reset();
-        m_bus.callWithCallback(sendingMessage(sending, 0), this, SLOT(sendingShown(uint)), SLOT(sendingShown()));
-    } else if (m_sendingInFlight) {
-        m_sendingDone = sending;
-    } else {
-        m_bus.send(sendingMessage(sending, std::exchange(m_sendingId, 0)));
-    }
+    m_sendings.push_back(sending);
+    if (!m_sendingInFlight)
+        sendNextSending();
+}
+
+void NotificationTrigger::sendNextSending()
+{
+    if (m_sendings.empty())
+        return;
+    const CopySending sending = m_sendings.front();
+    m_sendings.pop_front();
+    m_sendingInFlight = true;
+    m_bus.callWithCallback(sendingMessage(sending, sending.done ? std::exchange(m_sendingId, 0) : 0u), this,
+                           sending.done ? SLOT(sendingReplaced()) : SLOT(sendingShown(uint)), SLOT(sendingReplaced()));
 }
 
 QDBusMessage NotificationTrigger::sendingMessage(const CopySending &sending, uint replaces) const
@@ -86,9 +92,13 @@ QDBusMessage NotificationTrigger::sendingMessage(const CopySending &sending, uin
 void NotificationTrigger::sendingShown(uint id)
 {
     m_sendingId = id;
+    sendingReplaced();
+}
+
+void NotificationTrigger::sendingReplaced()
+{
     m_sendingInFlight = false;
-    if (const std::optional<CopySending> done = std::exchange(m_sendingDone, std::nullopt))
-        setCopySending(*done);
+    sendNextSending();
 }
 
 void NotificationTrigger::shown(uint id)

@@ -6,7 +6,7 @@
 #include <QDBusMessage>
 #include <QObject>
 
-#include <optional>
+#include <deque>
 
 // The freedesktop notification service. Where the paste needs a way other than Ctrl+V
 // (offersPaste): while remote files are on offer, a notification with a "Paste…" action;
@@ -25,7 +25,8 @@ public:
     void setFilesServed() override { m_offersPaste = m_filesServed = true; }
 
 private slots:
-    void sendingShown(uint id = 0);
+    void sendingShown(uint id);
+    void sendingReplaced();
     void actionInvoked(uint id, const QString &action);
     void notificationClosed(uint id, uint reason);
     void shown(uint id);
@@ -34,6 +35,7 @@ private slots:
 private:
     void notify();
     QDBusMessage sendingMessage(const CopySending &sending, uint replaces) const;
+    void sendNextSending();
     void withdraw();
 
     QDBusConnection m_bus;
@@ -41,8 +43,8 @@ private:
     bool m_filesServed = false;
     std::function<void()> m_paste;
     uint m_sendingId = 0; // the notification of the copy being fetched
-    bool m_sendingInFlight = false;
-    std::optional<CopySending> m_sendingDone; // came while the first was out
+    bool m_sendingInFlight = false;           // a Notify whose answer has not come yet
+    std::deque<CopySending> m_sendings;       // news of copies, waiting for it
     bool m_offered = false;
     uint m_id = 0;          // the notification shown, 0 for none
     bool m_inFlight = false; // a Notify call whose answer (the id) has not come yet
