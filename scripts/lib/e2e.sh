@@ -109,12 +109,13 @@ keep_both_if_asked() {
 }
 
 # open_file_manager DIR: pcmanfm-qt on DIR, with a session bus of its own (without one it
-# ends at once, showing nothing); prints its window's id.
+# ends at once, showing nothing); its window's id in $fm_window. Not to be called in a
+# subshell: the bus and the file manager must be in this shell's pids to be ended.
 open_file_manager() {
   dbus-daemon --session --nofork --address="unix:path=$work/bus" > "$work/dbus.log" 2>&1 & pids+=($!)
   for _ in $(seq 50); do [ -S "$work/bus" ] && break; sleep 0.1; done
   DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus pcmanfm-qt --new-window "$1" > "$work/pcmanfm.log" 2>&1 & pids+=($!)
-  find_window "^$(basename "$1")$"
+  fm_window=$(find_window "^$(basename "$1")$")
 }
 
 # confirm_alert: the end-of-paste alert, answered.
