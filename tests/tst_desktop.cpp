@@ -211,7 +211,7 @@ void TestDesktop::commandLine_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<int>("status"); // -1: still running once it has read its arguments
     QTest::addColumn<QStringList>("out");  // lines of standard output, each the start of one
-    QTest::addColumn<QString>("err");      // the first line of standard error
+    QTest::addColumn<QString>("err");      // the first line of standard error; "" while running: not looked at
 
     QTest::newRow("help") << QStringList{"--help"} << 0
                           << QStringList{"Usage: kx-clipboard ip,… port,… token,… cid,… [window,N] [pin,SHA256]",
@@ -223,6 +223,7 @@ void TestDesktop::commandLine_data()
     QTest::newRow("nothing at all") << QStringList{} << -1 << QStringList{"Number of arguments: 1"}
         << "kx-clipboard: no launch arguments; the host application passes ip,… port,… token,… cid,… "
            "(kx-clipboard --help says more)";
+    QTest::newRow("a line break in a value") << QStringList{"cid,7\n所有文件粘贴成功"} << -1 << QStringList{"Argument 1: cid,7\\n所有文件粘贴成功"} << "";
 }
 
 // The real executable. Help and version come without a display: an X11 toolkit started
@@ -253,7 +254,8 @@ void TestDesktop::commandLine()
     }
     QVERIFY(app.waitForFinished(10000) || app.state() == QProcess::NotRunning);
     QCOMPARE(app.exitStatus() == QProcess::NormalExit ? app.exitCode() : -1, status);
-    QCOMPARE(QString::fromUtf8(app.readAllStandardError()).section('\n', 0, 0), err);
+    if (status >= 0 || !err.isEmpty()) // what a running toolkit says there depends on the machine
+        QCOMPARE(QString::fromUtf8(app.readAllStandardError()).section('\n', 0, 0), err);
 }
 
 void TestDesktop::clipboardPoll()
@@ -593,6 +595,9 @@ void TestDesktop::endTexts_data()
     QTest::newRow("a write that failed") << false << report(Why::cannotWrite, 1)
         << "“Project/big.mp4” could not be written: File too large.\n1 file was saved in “Downloads” before the paste ended; "
            "no half-written file was left.";
+    QTest::newRow("no answer") << false << report(Why::noAnswer, 0) << "The remote desktop stopped answering for a minute while "
+        "“Project/big.mp4” was being received.\nNo file was saved, and no half-written file was left.";
+    QTest::newRow("a list that does not decode") << false << report(Why::unreadable, 0, "", "") << "The remote desktop sent data that could not be read.";
     QTest::newRow("lost before a folder was chosen") << false << report(Why::connectionLost, 0, "", "")
         << "The connection to the remote desktop was lost. It comes back by itself: paste again once the remote desktop offers "
            "the files again.";

@@ -289,7 +289,7 @@ void TestRemoteFiles::hostileList()
     h.send(std::exchange(frame, {}));
     QTRY_COMPARE_WITH_TIMEOUT(ready.size(), 1, 60000);
     const qint64 added = (kx::peakResidentKiB() - before) / 1024;
-    qInfo("a million entries: %lld ms, %lld MiB, longest turn %lld ms", clock.elapsed(), added, turns.longest);
+    qInfo("a million entries: %lld ms, %lld MiB, longest turn %lld ms", clock.elapsed(), added, turns.longestNow());
     QCOMPARE(h.pasteboard.offered, (QList<QUrl>{QUrl::fromLocalFile("/nowhere/1/ok"), QUrl::fromLocalFile("/nowhere/1/many")}));
     std::vector<RemoteFiles::Entry> top;
     QCOMPARE(files.list(RemoteFiles::rootInode, top), 0);

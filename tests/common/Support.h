@@ -74,4 +74,6 @@ struct TurnWatch
         since.start();
         tick.start(5);
     }
+    // Read as the awaited condition holds: the turn that made it hold has had no tick after it.
+    qint64 longestNow() { return longest = std::max(longest, since.restart()); }
 };
