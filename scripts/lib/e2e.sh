@@ -118,6 +118,15 @@ open_file_manager() {
   fm_window=$(find_window "^$(basename "$1")$")
 }
 
+# click_stop: Stop in the progress window, bottom right wherever the rest of the window
+# puts it; keys never press it.
+click_stop() {
+  local window WINDOW X Y WIDTH HEIGHT SCREEN
+  window=$(find_window "Receiving files") || return 1
+  eval "$(xdotool getwindowgeometry --shell "$window")"
+  xdotool mousemove --window "$window" $((WIDTH - 50)) $((HEIGHT - 22)) click 1
+}
+
 # confirm_alert: the end-of-paste alert, answered.
 confirm_alert() {
   focus_window "^KXClipboard$" > /dev/null && xdotool key Return
