@@ -5,7 +5,15 @@
 bin=${KX_BUILD_DIR:-$top/build}
 work=$(mktemp -d /tmp/kx-e2e.XXXXXX)
 pids=()
-cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; }
+stop_all() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; }
+# cleanup [STATUS]: a passing run's scratch goes with it; a failing one's stays, for the
+# logs that fail() names. KX_E2E_KEEP=1 keeps it in any case.
+cleanup() {
+  local status=${1:-$?}
+  stop_all
+  [ "$status" = 0 ] && [ "${KX_E2E_KEEP:-0}" != 1 ] && rm -rf --one-file-system "$work"
+  return "$status"
+}
 trap cleanup EXIT
 
 say() { printf '%s\n' "${KX_E2E_NAME:-e2e}: $*"; }
