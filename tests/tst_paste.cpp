@@ -10,7 +10,9 @@
 #include <QSignalSpy>
 
 #include <csignal>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/statvfs.h>
 
 using PasteStatus = ClipBoardManager::PasteStatus;
 using Step = std::function<void(EngineHarness &, const Query &next)>;
@@ -240,6 +242,14 @@ void TestPaste::endings_data()
             QVERIFY(QFile::remove(h.dest + '/' + partial));
         replyRight(h, q);
     });
+    rows("disk full", {1}, saveError, Why::diskFull, [](EngineHarness &h, const Query &q) { // 4 KiB left of a tmpfs: a short write
+        struct statvfs disk {};
+        QVERIFY(::statvfs(QFile::encodeName(h.dest).constData(), &disk) == 0);
+        QVERIFY(writeFile(h.dest + "/other", QByteArray(qsizetype(disk.f_bavail * disk.f_frsize) - 4096, 'x')));
+        LogCapture log;
+        replyRight(h, q);
+        QVERIFY(QFile::remove(h.dest + "/other") && log.contains("writing at 262144 failed: the disk is full"));
+    });
 }
 
 void TestPaste::endings()
@@ -248,8 +258,12 @@ void TestPaste::endings()
     QFETCH(int, ranges);
     QFETCH(int, expected);
     QFETCH(int, why);
-    EngineHarness h(QString(QTest::currentDataTag()).endsWith("4") ? 4 : 1);
-    const QByteArray &data = fileData();
+    const QByteArray tag = QTest::currentDataTag();
+    EngineHarness h(tag.endsWith("4") ? 4 : 1);
+    const QByteArray &data = fileData(), dest = QFile::encodeName(h.dest);
+    if (tag.startsWith("disk full") && ::mount("tmpfs", dest.constData(), "tmpfs", 0, "size=1m") != 0)
+        QSKIP("a file system of the test's own needs root");
+    const auto unmount = qScopeGuard([&] { ::umount2(dest.constData(), MNT_DETACH); });
     QVERIFY(writeFile(h.dest + "/f.bin", "mine"));
     const Descriptors list{descriptor("done.txt", 0), descriptor("f.bin", quint64(data.size()))};
     QVERIFY(h.pasteOf(list));
