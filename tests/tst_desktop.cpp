@@ -12,6 +12,7 @@
 
 #include "linux/NotificationTrigger.h"
 #include "linux/DesktopSession.h"
+#include "qt/QtConflictAsker.h"
 #include "qt/QtPasteboard.h"
 #include "qt/TrayTrigger.h"
 
@@ -23,6 +24,7 @@
 #include <QDBusMessage>
 #include <QLabel>
 #include <QLocale>
+#include <QMessageBox>
 #include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
@@ -105,6 +107,8 @@ private slots:
     void pasteThroughCtrlV();
     void endTexts_data();
     void endTexts();
+    void conflictQuestion_data();
+    void conflictQuestion();
     void pasteFromTheNotification();
     void copyNotifications();
     void trayMenu_data();
@@ -562,6 +566,7 @@ void TestDesktop::pasteThroughCtrlV()
     QCOMPARE(QDir(again.path()).entryList(hidden).size(), 1);
     state.chooseQuit();
     QVERIFY(state.quits == 1 && log.contains("Quit chosen") && log.contains("eror:cancelDownload"));
+    QCOMPARE(state.offered, (QList<bool>{true, false, true, false, true, false, true})); // on offer again after each Stop
     QCOMPARE(QDir(again.path()).entryList(hidden).size(), 0);
     sink.lose();
     QVERIFY(state.connected == (QList<bool>{true, false}) && state.offers.last() == RemoteOffer{});
@@ -616,6 +621,34 @@ void TestDesktop::endTexts()
     QVERIFY2(chinese.count('\n') == text.count('\n') && chinese.contains(QRegularExpression("[\\x{4e00}-\\x{9fff}]")), qPrintable(chinese));
     for (const QString &kept : {report.file, report.folder.section('/', -1)})
         QVERIFY(!text.contains("“" + kept + "”") || chinese.contains(kept));
+}
+
+void TestDesktop::conflictQuestion_data()
+{
+    QTest::addColumn<QString>("press"); // a key, or a button by its text
+    QTest::addColumn<int>("choice");
+    QTest::newRow("Return: Keep both") << "Return" << int(ConflictChoice::keepBoth);
+    QTest::newRow("Escape: Cancel") << "Escape" << int(ConflictChoice::cancel);
+    QTest::newRow("Replace") << "Replace" << int(ConflictChoice::replace);
+    QTest::newRow("Skip") << "Skip" << int(ConflictChoice::skip);
+}
+
+// The one question about taken names: how many, the first few, and what each answer means.
+void TestDesktop::conflictQuestion()
+{
+    QFETCH(QString, press);
+    QFETCH(int, choice);
+    QString asked;
+    QTimer::singleShot(0, [&] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        asked = box->text();
+        QAbstractButton *named = nullptr;
+        for (QAbstractButton *button : box->buttons())
+            named = button->text() == press ? button : named;
+        named ? named->click() : QTest::keyClick(box, press == "Return" ? Qt::Key_Return : Qt::Key_Escape);
+    });
+    QCOMPARE(int(QtConflictAsker().ask({"/home/u/Downloads", 7, {"notes.txt", "Reports/q1.pdf"}})), choice);
+    QCOMPARE(asked, "7 of the pasted items already exist in “Downloads”:\n\nnotes.txt\nReports/q1.pdf\n…");
 }
 
 // The notification's Paste…, for sessions where no key can be watched: on a session bus

@@ -11,7 +11,9 @@
 #include <QSignalSpy>
 
 #include <csignal>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/statvfs.h>
 
 using PasteStatus = ClipBoardManager::PasteStatus;
 using Step = std::function<void(EngineHarness &, const Query &next)>;
@@ -182,14 +184,16 @@ void TestPaste::chunking()
         QCOMPARE(readFile(h.dest + QString(sizes[i] < 0 ? "/f%1 (2)" : "/f%1").arg(i)),
                  full ? "<missing>" : pattern(std::max<qint64>(sizes[i], 0), 1));
     QCOMPARE(log.contains("not enough space in " + h.dest + ": the paste needs 11 bytes and 10 are free; nothing is written"), full);
-    QCOMPARE(h.engine->lastPasteReport().bytesFree, full ? 10u : 0u);
+    const PasteReport report = h.engine->lastPasteReport(); // the figures the alert gives
+    QVERIFY(report.bytesFree == (full ? 10u : 0u) && (!full || report.bytesNeeded == 11));
 }
 
 // Every way a paste ends but success, in both exchanges, at the file's first range or in
-// its middle. The chosen folder already has a file of the same name, and the paste an
-// empty file that completes first. Each row plays the remote side up to the fault; then
-// the end reported, the user's file as it was, the completed file kept, no partial file
-// anywhere, nothing more asked for, and the next paste working from the first byte.
+// its middle. The chosen folder already has a file of the same name, kept both ways or, with
+// the window, replaced; the paste has an empty file that completes first and one after it,
+// which the window starts early. Each row plays the remote side up to the fault; then the
+// end reported, the user's file as it was, the completed file kept, no partial file and
+// nothing out of list order anywhere, nothing more asked for, and the next paste working.
 void TestPaste::endings_data()
 {
     QTest::addColumn<Step>("fault");
@@ -241,6 +245,14 @@ void TestPaste::endings_data()
             QVERIFY(QFile::remove(h.dest + '/' + partial));
         replyRight(h, q);
     });
+    rows("disk full", {1}, saveError, Why::diskFull, [](EngineHarness &h, const Query &q) { // 4 KiB left of a tmpfs: a short write
+        struct statvfs disk {};
+        QVERIFY(::statvfs(QFile::encodeName(h.dest).constData(), &disk) == 0);
+        QVERIFY(writeFile(h.dest + "/other", QByteArray(qsizetype(disk.f_bavail * disk.f_frsize) - 4096, 'x')));
+        LogCapture log;
+        replyRight(h, q);
+        QVERIFY(QFile::remove(h.dest + "/other") && log.contains("writing at 262144 failed: the disk is full"));
+    });
 }
 
 void TestPaste::endings()
@@ -249,13 +261,17 @@ void TestPaste::endings()
     QFETCH(int, ranges);
     QFETCH(int, expected);
     QFETCH(int, why);
-    EngineHarness h(QString(QTest::currentDataTag()).endsWith("4") ? 4 : 1);
-    const QByteArray &data = fileData();
+    const QByteArray tag = QTest::currentDataTag();
+    const int window = tag.endsWith("4") ? 4 : 1;
+    EngineHarness h(window);
+    const QByteArray &data = fileData(), dest = QFile::encodeName(h.dest);
+    if (tag.startsWith("disk full") && ::mount("tmpfs", dest.constData(), "tmpfs", 0, "size=1m") != 0)
+        QSKIP("a file system of the test's own needs root");
+    const auto unmount = qScopeGuard([&] { ::umount2(dest.constData(), MNT_DETACH); });
     QVERIFY(writeFile(h.dest + "/f.bin", "mine"));
-    const Descriptors list{descriptor("done.txt", 0), descriptor("f.bin", quint64(data.size()))};
+    h.conflicts->answer = window == 4 ? ConflictChoice::replace : ConflictChoice::keepBoth;
+    const Descriptors list{descriptor("done.txt", 0), descriptor("f.bin", quint64(data.size())), descriptor("z.txt", 0)};
     QVERIFY(h.pasteOf(list));
-    QCOMPARE(h.conflicts->asked.size(), 1);
-    QVERIFY(h.conflicts->asked.first().count == 1 && h.conflicts->asked.first().firstNames == QStringList{"f.bin"});
     // The size query, then the ranges in order; the window keeps the later ones waiting.
     QList<Query> waiting{h.query()};
     replyRight(h, waiting.takeFirst());
@@ -268,7 +284,7 @@ void TestPaste::endings()
     fault(h, waiting.first());
     QCOMPARE(h.ends, (QList<std::pair<bool, PastedError>>{{false, PastedError(expected)}}));
     const PasteReport report = h.engine->lastPasteReport(); // what the alert will say
-    QVERIFY(int(report.why) == why && report.folder == h.dest && report.filesSaved == 1 && report.filesTotal == 2);
+    QVERIFY(int(report.why) == why && report.folder == h.dest && report.filesSaved == 1 && report.filesTotal == 3);
     QCOMPARE(report.file, "f.bin");
     for (const Query &w : waiting) // replies that come after the end write nothing
         h.reply(w.streamid(), QByteArray(int(w.cbrequested()), 'z'));
@@ -285,7 +301,9 @@ void TestPaste::endings()
     h.offer(list);
     QVERIFY(h.serve({{1, data}}));
     QVERIFY(h.lastEnd(true, PastedError::noError));
-    QCOMPARE(treeOf(h.dest), (QStringList{"done (2).txt 0", "done.txt 0", "f (2).bin " + QString::number(data.size()), "f.bin 4"}));
+    const QString pasted = QString::number(data.size());
+    QCOMPARE(treeOf(h.dest), (window == 4 ? QStringList{"done.txt 0", "f.bin " + pasted, "z.txt 0"}
+                                          : QStringList{"done (2).txt 0", "done.txt 0", "f (2).bin " + pasted, "f.bin 4", "z.txt 0"}));
 }
 
 // What the chosen folder holds against each answer to the one question: a name taken by
@@ -301,13 +319,13 @@ void TestPaste::conflicts_data()
     };
     using C = ConflictChoice;
     add("nothing", C::cancel, {"b.txt 5", "docs/", "docs/a.txt 5"}); // nothing to ask; what a crash left goes
-    add("a file", C::keepBoth, {"b (2).txt 5", "b.txt 4", "docs/", "docs/a.txt 5"});
-    add("a file", C::replace, {"b.txt 5", "docs/", "docs/a.txt 5"});
-    add("a file", C::skip, {"b.txt 4", "docs/", "docs/a.txt 5"});
-    add("a file", C::cancel, {"b.txt 4"});
-    add("a folder", C::keepBoth, {"b (2).txt 5", "b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5"});
-    add("a folder", C::replace, {"b (2).txt 5", "b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5"});
-    add("a folder", C::skip, {"b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5"});
+    add("a file and its (2)", C::keepBoth, {"b (2).txt 4", "b (3).txt 5", "b.txt 4", "docs/", "docs/a.txt 5"});
+    add("a file and its (2)", C::replace, {"b (2).txt 4", "b.txt 5", "docs/", "docs/a.txt 5"});
+    add("a file and its (2)", C::skip, {"b (2).txt 4", "b.txt 4", "docs/", "docs/a.txt 5"});
+    add("a file and its (2)", C::cancel, {"b (2).txt 4", "b.txt 4"});
+    add("a folder, and docs merged into", C::keepBoth, {"b (2).txt 5", "b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5", "docs/x 4"});
+    add("a folder, and docs merged into", C::replace, {"b (2).txt 5", "b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5", "docs/x 4"});
+    add("a folder, and docs merged into", C::skip, {"b.txt/", "b.txt/x 4", "docs/", "docs/a.txt 5", "docs/x 4"});
     add("a file where a folder is needed", C::keepBoth, {"b.txt 5", "docs (2)/", "docs (2)/a.txt 5", "docs 4"});
     add("a file where a folder is needed", C::replace, {"b.txt 5", "docs (2)/", "docs (2)/a.txt 5", "docs 4"});
     add("a file where a folder is needed", C::skip, {"b.txt 5", "docs 4"});
@@ -324,10 +342,10 @@ void TestPaste::conflicts()
     EngineHarness h(2);
     const QString outside = h.root.filePath("outside");
     QVERIFY(writeFile(outside, "mine"));
-    if (holds == "a file")
-        QVERIFY(writeFile(h.dest + "/b.txt", "mine"));
-    else if (holds == "a folder")
-        QVERIFY(writeFile(h.dest + "/b.txt/x", "mine"));
+    if (holds.startsWith("a file and"))
+        QVERIFY(writeFile(h.dest + "/b.txt", "mine") && writeFile(h.dest + "/b (2).txt", "mine"));
+    else if (holds.startsWith("a folder"))
+        QVERIFY(writeFile(h.dest + "/b.txt/x", "mine") && writeFile(h.dest + "/docs/x", "mine"));
     else if (holds == "a file where a folder is needed")
         QVERIFY(writeFile(h.dest + "/docs", "mine"));
     else if (holds == "a link")
@@ -335,6 +353,8 @@ void TestPaste::conflicts()
     else // left by a companion that is gone: no process has that id
         QVERIFY(writeFile(h.dest + "/.kx-clipboard-partial-2147483646-1f", "half"));
     h.conflicts->answer = ConflictChoice(answer);
+    if (answer == int(ConflictChoice::skip)) // room for what is still to write, the skipped file left out
+        h.files.freeSpaceQuery = [](const QString &) { return std::optional<std::uint64_t>(5); };
     QVERIFY(h.pasteOf({descriptor("docs", 0, 0x10), descriptor("docs\\a.txt", 5), descriptor("b.txt", 5)}));
     const bool cancelled = answer == int(ConflictChoice::cancel) && holds != "nothing";
     if (!cancelled)
@@ -344,9 +364,10 @@ void TestPaste::conflicts()
     QCOMPARE(readFile(outside), "mine");
     QCOMPARE(h.conflicts->asked.size(), holds == "nothing" ? 0 : 1);
     if (!h.conflicts->asked.isEmpty())
-        QCOMPARE(h.conflicts->asked.first().firstNames, QStringList{holds.endsWith("needed") ? "docs" : "b.txt"});
+        QVERIFY(h.conflicts->asked.first().count == 1
+                && h.conflicts->asked.first().firstNames == QStringList{holds.endsWith("needed") ? "docs" : "b.txt"});
     const PasteReport report = h.engine->lastPasteReport(); // what the alert will count
-    QCOMPARE(report.filesRenamed, std::uint64_t(tree.filter(QRegularExpression(" \\(2\\)\\.txt 5$")).size()));
+    QCOMPARE(report.filesRenamed, std::uint64_t(tree.filter(QRegularExpression(" \\(\\d\\)\\.txt 5$")).size()));
     QCOMPARE(report.filesSkipped, answer == int(ConflictChoice::skip) ? 1u : 0u);
     for (const QString &name : tree.filter(QRegularExpression(" 5$")))
         QCOMPARE(readFile(h.dest + '/' + name.chopped(2)), name.startsWith("docs") ? "new-a" : "new-b");
@@ -394,11 +415,12 @@ void TestPaste::chooserGuardsAndStrayReplies()
     h.sink.lose();
     h.reopen();
     // Cancelled, confirmed without a folder or with an empty one: the same as cancelled,
-    // and the same copy can be pasted again.
+    // and the same copy can be pasted again, also from the tray and the notification.
+    QSignalSpy offered(h.engine.get(), &ClipBoardManager::filesOffered);
     for (const FolderChoice &none : {FolderChoice{}, FolderChoice{true, std::nullopt}, FolderChoice{true, QUrl()}}) {
         h.chooser->answer = none;
         QVERIFY(h.pasteOf({descriptor("x", 5)}) && h.engine->pasteStatus() == PasteStatus::complete);
-        QVERIFY(h.engine->hasFormList() && !h.nextFrame(0) && h.ends.size() == 2);
+        QVERIFY(h.engine->hasFormList() && !h.nextFrame(0) && h.ends.size() == 2 && offered.last() == QVariantList{true});
     }
     QVERIFY(h.chooser->runs == 5 && log.count("用户取消选择文件") == 1 && log.contains("选择的文件路径：" + h.dest));
     // A list asked for that never comes ends its paste as a lost connection would.

@@ -9,6 +9,7 @@
 
 #include <QApplication>
 
+#include <csignal>
 #include <vector>
 
 int main(int argc, char *argv[])
@@ -18,6 +19,9 @@ int main(int argc, char *argv[])
         return *status;
     kx::keepFrameBuffersMapped();
     kx::installStdoutLogHandler();
+    // A write past a file size limit fails with EFBIG, which the paste reports, rather than
+    // killing the companion.
+    std::signal(SIGXFSZ, SIG_IGN);
     // Under Wayland the desktop side runs through XWayland where there is one: there a
     // copy made in any application is still seen. Without a display at all the process
     // still connects and serves; it must not die in the toolkit's start-up.

@@ -31,11 +31,18 @@ namespace {
 constexpr std::uint64_t maxReadLength = 64ull * 1024 * 1024;
 
 // A regular file on a local disk takes a write of up to 2 GiB whole, or stops short because
-// it ran out of room or hit a size limit, where a second try would fail anyway. What we
-// write at once is one reply, at most a 64 MiB message.
+// it ran out of room or hit a size limit. A short write sets no error number: the write of
+// the rest fails and tells which, so that a full disk is reported as one. What we write at
+// once is one reply, at most a 64 MiB message.
 bool writeAll(int fd, const char *data, std::uint64_t size, std::uint64_t offset)
 {
-    return ::pwrite(fd, data, size, off_t(offset)) == ssize_t(size);
+    while (size > 0) {
+        const ssize_t written = ::pwrite(fd, data, size, off_t(offset));
+        if (written <= 0)
+            return false;
+        data += written, size -= std::uint64_t(written), offset += std::uint64_t(written);
+    }
+    return true;
 }
 
 // Into a QByteArray or a std::string: an answer to the remote side is read straight into
