@@ -5,6 +5,8 @@
 #include "KXFileStreamOperation.h"
 #include "LogCapture.h"
 
+#include <QTimeZone>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -83,7 +85,7 @@ void TestCopy::announceAndDescribe()
 {
     QVERIFY(writeFile(item("a.txt"), "0123456789"));
     QFile file(item("a.txt")); // the fraction of a second is dropped
-    QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(QDateTime(QDate(2020, 1, 1), QTime(0, 0, 0, 750), Qt::UTC),
+    QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(QDateTime(QDate(2020, 1, 1), QTime(0, 0, 0, 750), QTimeZone::utc()),
                                                                  QFileDevice::FileModificationTime));
     file.close();
     LogCapture log;

@@ -9,6 +9,7 @@
 #include "Messages.h"
 #include "Support.h"
 
+#include <QTimeZone>
 #include <QTest>
 
 namespace {
@@ -94,10 +95,10 @@ void TestProtocol::fileTimes_data()
 {
     QTest::addColumn<QDateTime>("date");
     QTest::addColumn<quint64>("expected");
-    QTest::newRow("2020, fraction dropped") << QDateTime(QDate(2020, 1, 1), QTime(0, 0, 0, 750), Qt::UTC) << Q_UINT64_C(132223104000000000);
-    QTest::newRow("half a second before 1970") << QDateTime::fromMSecsSinceEpoch(-500, Qt::UTC) << Q_UINT64_C(116444735990000000);
-    QTest::newRow("a whole second before 1970") << QDateTime::fromMSecsSinceEpoch(-1000, Qt::UTC) << Q_UINT64_C(116444735990000000);
-    QTest::newRow("before 1601") << QDateTime(QDate(1500, 1, 1), QTime(0, 0), Qt::UTC) << Q_UINT64_C(0);
+    QTest::newRow("2020, fraction dropped") << QDateTime(QDate(2020, 1, 1), QTime(0, 0, 0, 750), QTimeZone::utc()) << Q_UINT64_C(132223104000000000);
+    QTest::newRow("half a second before 1970") << QDateTime::fromMSecsSinceEpoch(-500, QTimeZone::utc()) << Q_UINT64_C(116444735990000000);
+    QTest::newRow("a whole second before 1970") << QDateTime::fromMSecsSinceEpoch(-1000, QTimeZone::utc()) << Q_UINT64_C(116444735990000000);
+    QTest::newRow("before 1601") << QDateTime(QDate(1500, 1, 1), QTime(0, 0), QTimeZone::utc()) << Q_UINT64_C(0);
     QTest::newRow("no date") << QDateTime() << Q_UINT64_C(0);
 }
 

@@ -7,6 +7,7 @@
 #include "LogCapture.h"
 #include "RemotePath.h"
 
+#include <QTimeZone>
 #include <QCborValue>
 #include <QRegularExpression>
 
@@ -171,7 +172,7 @@ void TestStorage::attributes()
     QVERIFY(files.fileSizeAtPath(missing) == 0 && files.modificationDateAtPath(missing) >= before);
     QCOMPARE(log.count("Cannot read the attributes of " + missing), 2);
     QVERIFY(writeFile(dir.filePath("f"), "12345"));
-    const QDateTime stamp(QDate(2020, 1, 1), QTime(0, 0, 0, 750), Qt::UTC);
+    const QDateTime stamp(QDate(2020, 1, 1), QTime(0, 0, 0, 750), QTimeZone::utc());
     QFile file(dir.filePath("f"));
     QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(stamp, QFileDevice::FileModificationTime));
     file.close();

@@ -87,7 +87,12 @@ void SocketManager::connect(const QString &urlStr)
     QObject::connect(client, &QWebSocket::disconnected, this, &SocketManager::onDisconnected);
     QObject::connect(client, &QWebSocket::textMessageReceived, this, &SocketManager::onTextMessage);
     QObject::connect(client, &QWebSocket::binaryMessageReceived, this, &SocketManager::onBinaryMessage);
-    QObject::connect(client, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), this,
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    const auto errorSignal = &QWebSocket::errorOccurred;
+#else
+    const auto errorSignal = qOverload<QAbstractSocket::SocketError>(&QWebSocket::error);
+#endif
+    QObject::connect(client, errorSignal, this,
                      [this, client](QAbstractSocket::SocketError) {
                          // Qt would blame the authorities the pin set aside.
                          onError(m_refusedByPin ? QStringLiteral("the agent's certificate is not the pinned one") : client->errorString());
