@@ -26,6 +26,19 @@ Q_LOGGING_CATEGORY(lcStream, "kx.stream")
 
 namespace {
 
+// Renames unless the new name is taken. A system or file system without such a rename
+// gets a hard link instead, which fails the same way on a taken name.
+int renameNoReplace(int folder, const char *from, const char *to)
+{
+#if defined(__linux__) && defined(RENAME_NOREPLACE)
+    if (::renameat2(folder, from, folder, to, RENAME_NOREPLACE) == 0)
+        return 0;
+    if (errno != EINVAL && errno != ENOSYS)
+        return -1;
+#endif
+    return ::linkat(folder, from, folder, to, 0) == 0 ? ::unlinkat(folder, from, 0) : -1;
+}
+
 // The remote side chooses how much it asks for; one answer never holds more than this,
 // so a hostile request cannot make us allocate gigabytes. Shorter answers are legal.
 constexpr std::uint64_t maxReadLength = 64ull * 1024 * 1024;
@@ -380,10 +393,8 @@ std::optional<QString> KXFileStreamOperation::commit(bool replace)
     for (int number = 1; number <= maxNumberedNames; ++number) {
         const QString name = number == 1 ? fileName : kx::numberedName(fileName, number);
         const QByteArray to = QFile::encodeName(name);
-        int placed = replace && number == 1 ? ::renameat(folder, from.constData(), folder, to.constData())
-                                            : ::renameat2(folder, from.constData(), folder, to.constData(), RENAME_NOREPLACE);
-        if (placed != 0 && errno == EINVAL) // a file system without the flag: a link fails the same way on a taken name
-            placed = ::linkat(folder, from.constData(), folder, to.constData(), 0) == 0 ? ::unlinkat(folder, from.constData(), 0) : -1;
+        const int placed = replace && number == 1 ? ::renameat(folder, from.constData(), folder, to.constData())
+                                                  : renameNoReplace(folder, from.constData(), to.constData());
         if (placed == 0) {
             m_partialName.clear();
             return QFileInfo(filePath).path() + QLatin1Char('/') + name;

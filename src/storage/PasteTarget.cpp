@@ -6,6 +6,8 @@
 #include <QFile>
 #include <QRandomGenerator>
 
+#include <cerrno>
+#include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -63,7 +65,7 @@ int removeStalePartials(int folderFd)
             continue;
         const pid_t writer = pid_t(name.mid(prefix.size()).split('-').first().toInt());
         // Another companion that still runs may be writing it; ours are in use.
-        if (writer > 0 && (writer == ::getpid() || QDir(QStringLiteral("/proc/%1").arg(writer)).exists()))
+        if (writer > 0 && (writer == ::getpid() || ::kill(writer, 0) == 0 || errno == EPERM))
             continue;
         removed += ::unlinkat(folderFd, name.constData(), 0) == 0;
     }
