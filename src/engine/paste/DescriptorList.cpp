@@ -15,10 +15,9 @@ constexpr int descriptorField = 2;
 DescriptorList::Scan DescriptorList::scan(const QByteArray &payload, DescriptorList &out)
 {
     out.clear();
-    // The bytes are kept as they came; the entries point into them.
-    out.m_payload = QByteArray(payload.constData(), payload.size());
-    const auto *bytes = reinterpret_cast<const std::uint8_t *>(out.m_payload.constData());
-    google::protobuf::io::CodedInputStream in(bytes, int(out.m_payload.size()));
+    // Scanned in place: a list refused costs no copy of what may be 64 MiB.
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(payload.constData());
+    google::protobuf::io::CodedInputStream in(bytes, int(payload.size()));
     while (const std::uint32_t tag = in.ReadTag()) {
         const int field = WireFormatLite::GetTagFieldNumber(tag);
         const bool delimited = WireFormatLite::GetTagWireType(tag) == WireFormatLite::WIRETYPE_LENGTH_DELIMITED;
@@ -26,7 +25,7 @@ DescriptorList::Scan DescriptorList::scan(const QByteArray &payload, DescriptorL
             return out.clear(), Scan::undecodable;
         if (field == descriptorField) {
             std::uint32_t length = 0;
-            if (!in.ReadVarint32(&length) || std::int64_t(length) > out.m_payload.size() - in.CurrentPosition())
+            if (!in.ReadVarint32(&length) || std::int64_t(length) > payload.size() - in.CurrentPosition())
                 return out.clear(), Scan::undecodable;
             if (out.m_offsets.size() == maxEntries)
                 return out.clear(), Scan::tooLong;
@@ -37,15 +36,18 @@ DescriptorList::Scan DescriptorList::scan(const QByteArray &payload, DescriptorL
         } else if (field == headerField) {
             std::uint32_t length = 0;
             FileSDK::CliprdrHeader header;
-            if (!in.ReadVarint32(&length) || std::int64_t(length) > out.m_payload.size() - in.CurrentPosition()
+            if (!in.ReadVarint32(&length) || std::int64_t(length) > payload.size() - in.CurrentPosition()
                 || !header.ParseFromArray(bytes + in.CurrentPosition(), int(length)) || !in.Skip(int(length)))
                 return out.clear(), Scan::undecodable;
         } else if (field == 0 || !WireFormatLite::SkipField(&in, tag)) {
             return out.clear(), Scan::undecodable;
         }
     }
-    if (!in.ConsumedEntireMessage() || in.CurrentPosition() != out.m_payload.size())
+    if (!in.ConsumedEntireMessage() || in.CurrentPosition() != payload.size())
         return out.clear(), Scan::undecodable;
+    // The bytes are kept as they came (the payload may be a view of a frame that goes);
+    // the entries point into them.
+    out.m_payload = QByteArray(payload.constData(), payload.size());
     out.m_offsets.shrink_to_fit();
     out.m_lengths.shrink_to_fit();
     return Scan::ok;
