@@ -13,6 +13,7 @@
 #include "linux/NotificationTrigger.h"
 #include "linux/DesktopSession.h"
 #include "qt/QtConflictAsker.h"
+#include "qt/QtFolderChooser.h"
 #include "qt/QtPasteboard.h"
 #include "qt/TrayTrigger.h"
 
@@ -23,6 +24,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QLabel>
+#include <QLineEdit>
 #include <QLocale>
 #include <QMessageBox>
 #include <QProcess>
@@ -115,6 +117,8 @@ private slots:
     void trayMenu();
     void clipboardBackend();
     void desktopSession();
+    void typedFolder_data();
+    void typedFolder();
 
 private:
     void start(const QStringList &extra = {});
@@ -487,7 +491,10 @@ void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &ste
         const Query q = kx::parseMessage<Query>(sink.sent.takeFirst().chopped(1)).value();
         const QByteArray answer = answerFor(q, pattern(300000, int(q.listindex())));
         sink.deliver(kx::encodeFrame(kx::makeContentsAnswer(q.streamid(), answer.toStdString()), FrameType::fileContentsResponse));
+        // The window takes its figures in a queued call: run it now, however busy the
+        // machine is, rather than whenever one pass of the loop gets to it.
         QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents();
         if (controller->isVisible()) { // else it has ended, its alert answered
             QVERIFY(fits());
             shown.append(lines());
@@ -809,6 +816,41 @@ void TestDesktop::desktopSession()
         const DesktopSession session = DesktopSession::detect(variables);
         QVERIFY2(session.qtPlatform() == platform && session.summary().startsWith(told), qPrintable(session.summary()));
     }
+}
+
+// A folder typed into the chooser and Return at once, before the chooser has listed the
+// folders on the way: the answer is the typed folder, whole, as typed.
+void TestDesktop::typedFolder_data()
+{
+    QTest::addColumn<QString>("typed"); // beneath the start folder, or "/" and all
+    QTest::addColumn<QString>("answer");
+    QTest::newRow("a full path") << "/a/b/pasted" << "a/b/pasted";
+    QTest::newRow("a full path, a slash at its end") << "/a/b/pasted/" << "a/b/pasted";
+    QTest::newRow("a name in the start folder") << "a" << "a";
+    QTest::newRow("a path from the start folder") << "a/b" << "a/b";
+}
+
+void TestDesktop::typedFolder()
+{
+    QFETCH(QString, typed);
+    QFETCH(QString, answer);
+    QTemporaryDir root;
+    for (int i = 0; i < 200; ++i) // much to list on the way
+        QVERIFY(QDir().mkpath(root.filePath(QStringLiteral("a/b/pa%1").arg(i))));
+    QVERIFY(QDir().mkpath(root.filePath("a/b/pasted")));
+    if (typed.startsWith('/'))
+        typed.prepend(root.path());
+    QTimer::singleShot(0, [&] {
+        QWidget *dialog = QApplication::activeModalWidget();
+        auto *field = dialog ? dialog->findChild<QLineEdit *>("fileNameEdit") : nullptr;
+        QVERIFY(field);
+        QTest::keyClicks(field, typed);
+        QTest::keyClick(field, Qt::Key_Return);
+    });
+    QtFolderChooser chooser;
+    const FolderChoice choice = chooser.runModal(FolderRequest{{}, root.path()});
+    QVERIFY(choice.confirmed && choice.url);
+    QCOMPARE(QDir::cleanPath(choice.url->toLocalFile()), root.filePath(answer));
 }
 
 QTEST_MAIN(TestDesktop)

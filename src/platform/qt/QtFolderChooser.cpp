@@ -5,6 +5,7 @@
 #include <QCursor>
 #include <QFileDialog>
 #include <QGuiApplication>
+#include <QLineEdit>
 #include <QScreen>
 
 namespace {
@@ -42,6 +43,13 @@ FolderChoice QtFolderChooser::runModal(const FolderRequest &request)
     dialog.setOption(QFileDialog::ShowDirsOnly, true);
     dialog.setOption(QFileDialog::DontUseNativeDialog, true); // same dialog everywhere; testable
     dialog.setDirectory(request.startFolder);
+    // As each character is typed the dialog selects the matching entries of the folder on
+    // view, and a selection of more than one is written back into the field as a quoted
+    // list: a path typed faster than the listings load came back as its parent, or as
+    // "/". The dialog no longer follows the field; the field's text is the answer when
+    // it names a folder, and a click in the list still fills the field.
+    if (auto *field = dialog.findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
+        QObject::disconnect(field, &QLineEdit::textChanged, &dialog, nullptr);
     fitToScreen(dialog);
     if (dialog.exec() != QDialog::Accepted)
         return {};
