@@ -287,7 +287,7 @@ void TestRemoteFiles::hostileList()
     clock.start();
     TurnWatch turns;
     h.send(std::exchange(frame, {}));
-    QTRY_COMPARE_WITH_TIMEOUT(ready.size(), 1, 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(ready.size(), 1, 240000); // minutes under the sanitizers on a busy machine
     const qint64 added = (kx::peakResidentKiB() - before) / 1024;
     qInfo("a million entries: %lld ms, %lld MiB, longest turn %lld ms", clock.elapsed(), added, turns.longestNow());
     QCOMPARE(h.pasteboard.offered, (QList<QUrl>{QUrl::fromLocalFile("/nowhere/1/ok"), QUrl::fromLocalFile("/nowhere/1/many")}));
