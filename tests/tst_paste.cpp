@@ -58,6 +58,8 @@ private slots:
     void endings();
     void conflicts_data();
     void conflicts();
+    void longNames_data();
+    void longNames();
     void formatAskedFor();
     void chooserGuardsAndStrayReplies();
     void onePasteAtATime();
@@ -371,6 +373,40 @@ void TestPaste::conflicts()
     QCOMPARE(report.filesSkipped, answer == int(ConflictChoice::skip) ? 1u : 0u);
     for (const QString &name : tree.filter(QRegularExpression(" 5$")))
         QCOMPARE(readFile(h.dest + '/' + name.chopped(2)), name.startsWith("docs") ? "new-a" : "new-b");
+}
+
+// Keep both on a taken name that already fills the file system's limit: the new file's
+// stem gives way, whole characters at a time, and the files after it are pasted too.
+void TestPaste::longNames_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("kept");
+    QTest::addColumn<bool>("folder");
+    const QString sun(QChar(0x65E5)), smile = QString::fromUcs4(U"\U0001F600");
+    QTest::newRow("255 bytes") << QString(251, 'x') + ".txt" << QString(247, 'x') + " (2).txt" << false;
+    QTest::newRow("three-byte characters") << sun.repeated(83) + ".txt" << sun.repeated(82) + " (2).txt" << false;
+    QTest::newRow("four-byte characters") << smile.repeated(62) + ".txt" << smile.repeated(61) + " (2).txt" << false;
+    QTest::newRow("an extension of 250 bytes") << "a." + QString(250, 'e') << "a." + QString(249, 'e') + " (2)" << false;
+    QTest::newRow("a folder of 255 bytes") << QString(255, 'd') << QString(251, 'd') + " (2)" << true;
+}
+
+void TestPaste::longNames()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, kept);
+    QFETCH(bool, folder);
+    QVERIFY(QFile::encodeName(name).size() > 250 && QFile::encodeName(kept).size() <= 255);
+    EngineHarness h(1);
+    QVERIFY(writeFile(h.dest + '/' + name, "mine"));
+    h.conflicts->answer = ConflictChoice::keepBoth;
+    const QString inside = folder ? name + "\\in.txt" : name;
+    QVERIFY(h.pasteOf(folder ? Descriptors{descriptor(name, 0, 0x10), descriptor(inside, 5), descriptor("after.txt", 5)}
+                             : Descriptors{descriptor(inside, 5), descriptor("after.txt", 5)}));
+    QVERIFY(h.serve({{folder ? 1 : 0, "new-1"}, {folder ? 2 : 1, "after"}}));
+    QVERIFY(h.lastEnd(true, PastedError::noError));
+    QCOMPARE(readFile(h.dest + '/' + name), "mine");
+    QCOMPARE(readFile(h.dest + '/' + kept + (folder ? "/in.txt" : "")), "new-1");
+    QCOMPARE(readFile(h.dest + "/after.txt"), "after");
 }
 
 // Ctrl+V asks for the last format named for the file list, 0 with none, under the list's

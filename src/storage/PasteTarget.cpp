@@ -7,6 +7,7 @@
 #include <QRandomGenerator>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <dirent.h>
 #include <fcntl.h>
@@ -37,8 +38,19 @@ FoundTarget existingTarget(const QString &base, const QStringList &components)
 QString numberedName(const QString &name, int number, bool folder)
 {
     const qsizetype dot = folder ? -1 : name.lastIndexOf(QLatin1Char('.'));
-    const QString suffix = QStringLiteral(" (%1)").arg(number);
-    return dot <= 0 ? name + suffix : name.left(dot) + suffix + name.mid(dot);
+    QString stem = dot <= 0 ? name : name.left(dot);
+    QString tail = QStringLiteral(" (%1)").arg(number) + (dot <= 0 ? QString() : name.mid(dot));
+    // A name that already filled the file system's limit would not take the number: the
+    // stem gives way, a whole character at a time. An extension too long to leave any
+    // stem is taken as part of the stem.
+    if (QFile::encodeName(tail).size() >= NAME_MAX) {
+        stem = name;
+        tail = QStringLiteral(" (%1)").arg(number);
+    }
+    const qsizetype room = NAME_MAX - QFile::encodeName(tail).size();
+    while (!stem.isEmpty() && QFile::encodeName(stem).size() > room)
+        stem.chop(stem.size() > 1 && stem.back().isLowSurrogate() && stem.at(stem.size() - 2).isHighSurrogate() ? 2 : 1);
+    return stem + tail;
 }
 
 QString makePartialName()

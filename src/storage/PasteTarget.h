@@ -23,7 +23,7 @@ struct FoundTarget
 FoundTarget existingTarget(const QString &base, const QStringList &components);
 
 // "report (2).pdf" for "report.pdf" and 2; a folder or a name without an extension gets
-// the number at its end.
+// the number at its end. Its stem is shortened as far as NAME_MAX needs.
 QString numberedName(const QString &name, int number, bool folder = false);
 
 // Hidden files in which a paste writes until a file is complete. Their names carry the
