@@ -231,6 +231,19 @@ void TestPaste::endings_data()
         QVERIFY(QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 3000));
         QVERIFY(log.contains("the remote side has not answered for 0.3 seconds; the paste ends"));
     });
+    // A reply every 50 ms, each of one byte: the range is not whole in time all the same.
+    rows("a byte at a time", {1}, PastedError::websoketDisconnect, Why::noAnswer, [](EngineHarness &h, const Query &q) {
+        LogCapture log;
+        h.engine->setReplyTimeout(400);
+        std::optional<Query> next = q;
+        for (int replies = 0; next && replies < 100; ++replies) {
+            h.reply(next->streamid(), "x");
+            next = h.nextQuery(1000); // the rest, or the next range, asked for at once
+            if (QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 50))
+                break;
+        }
+        QVERIFY(log.contains("the remote side has not answered for 0.4 seconds; the paste ends"));
+    });
     rows("connection lost", {0, 1}, PastedError::websoketDisconnect, Why::connectionLost, [](EngineHarness &h, const Query &) { h.sink.lose(); });
     rows("a file too large for its limit", {1}, saveError, Why::cannotWrite, [](EngineHarness &h, const Query &q) {
         std::signal(SIGXFSZ, SIG_IGN);

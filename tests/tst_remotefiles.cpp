@@ -82,6 +82,7 @@ private slots:
     void peekThenCopy();
     void memoryBounded();
     void staleRemainder();
+    void stalledRead_data();
     void stalledRead();
     void hostileList();
     void lingeringCopies();
@@ -242,21 +243,36 @@ void TestRemoteFiles::staleRemainder()
     QCOMPARE(r.answers, (QList<std::pair<int, QByteArray>>{{0, bytesAt(200000, 4096)}}));
 }
 
-// No answer at all: the read fails with EIO once the stall time has passed, and its
-// query is abandoned, so that the window is free for the next read.
+// No answer at all, or one byte every 50 ms: the read fails with EIO once the stall time
+// has passed since it was asked for, and its query is abandoned, so that the window is
+// free for the next read.
+void TestRemoteFiles::stalledRead_data()
+{
+    QTest::addColumn<bool>("dribbling");
+    QTest::newRow("no answer") << false;
+    QTest::newRow("a byte at a time") << true;
+}
+
 void TestRemoteFiles::stalledRead()
 {
+    QFETCH(bool, dribbling);
     Reads r(1);
-    r.reads.setStallTimeout(200);
+    r.reads.setStallTimeout(300);
     QElapsedTimer clock;
     clock.start();
-    r.read({1, 0, chunk, "slow"}, 0, 10);
+    r.read({1, 0, chunk, "slow"}, 0, 4096);
+    for (int replies = 0; dribbling && r.answers.isEmpty(); ++replies) {
+        QVERIFY2(replies < 100, "the read still waits after 100 replies");
+        QVERIFY(r.reply(r.sent.last(), "x")); // the rest is asked for at once
+        (void)QTest::qWaitFor([&] { return !r.answers.isEmpty(); }, 50);
+    }
     QTRY_COMPARE_WITH_TIMEOUT(r.answers.size(), 1, 3000);
-    QVERIFY(r.answers.first().first == EIO && clock.elapsed() >= 200);
+    QVERIFY(r.answers.first().first == EIO && clock.elapsed() >= 300);
     QCOMPARE(r.reads.outstanding(), 0u);
+    const qsizetype before = r.sent.size();
     r.read({2, 1, chunk, "next"}, 0, 10);
-    QCOMPARE(r.sent.size(), 2);
-    QVERIFY(r.reply(r.sent.first(), "late")); // the abandoned one's late reply: dropped
+    QCOMPARE(r.sent.size(), before + 1);
+    QVERIFY(r.reply(r.sent.at(before - 1), "late")); // the abandoned one's late reply: dropped
     QCOMPARE(r.answers.size(), 1);
 }
 

@@ -14,6 +14,7 @@
 #include <QUrl>
 
 #include <algorithm>
+#include <limits>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -64,7 +65,8 @@ PasteSession::PasteSession(ClipBoardManager &engine, const QString &basePath, De
     , m_callback(std::move(completion))
 {
     m_replyTimer.setSingleShot(true);
-    m_replyTimer.setInterval(engine.replyTimeoutMs());
+    m_replyTimeoutMs = engine.replyTimeoutMs();
+    m_clock.start();
     connect(&m_replyTimer, &QTimer::timeout, this, &PasteSession::replyTimedOut);
 }
 
@@ -433,6 +435,7 @@ bool PasteSession::requestNextRange()
         if (!file.sized)
             continue;
         Query query{index};
+        query.askedAtMs = std::exchange(file.carriedAskedAtMs, 0);
         if (!file.gaps.empty()) {
             std::tie(query.offset, query.length) = file.gaps.front();
             file.gaps.erase(file.gaps.begin());
@@ -458,6 +461,8 @@ void PasteSession::sendQuery(std::uint32_t streamId, const Query &query, const c
     Query &sent = m_outstanding[streamId] = query;
     sent.serial = ++m_querySerial;
     sent.waiting = false;
+    if (sent.askedAtMs == 0) // asked again after an empty reply: still due when it first was
+        sent.askedAtMs = std::max<qint64>(m_clock.elapsed(), 1);
     const std::uint32_t flags = query.sizeQuery ? kx::wire::sizeQueryFlag : kx::wire::rangeQueryFlag;
     m_engine.send(kx::makeContentsQuery(streamId, file.queryIndex, flags, query.offset, query.length),
                   FrameType::fileContentsRequest, completionText);
@@ -472,7 +477,6 @@ void PasteSession::handleContentResponse(const FileSDK::CliprdrFileContentsRespo
         return;
     }
     m_slice.start();
-    m_replyTimer.start(); // the remote side is there
     const Query query = found->second;
     FileTask &file = task(query.file);
     qCInfo(lcEngine).noquote().nospace() << "当前文件index:" << file.queryIndex;
@@ -485,7 +489,7 @@ void PasteSession::handleContentResponse(const FileSDK::CliprdrFileContentsRespo
             found->second.waiting = true;
             scheduleRangeRetry(found->first, query.serial);
         }
-        return;
+        return watchReplies();
     } else {
         m_outstanding.erase(found);
         saveContentData(file, query, reply);
@@ -536,7 +540,8 @@ void PasteSession::saveContentData(FileTask &file, const Query &query, const Fil
     file.saved += size;
     m_alreadySavedTotalSize += size;
     if (size < expected) {
-        // A short reply: no gap is ever left in a file.
+        // A short reply: no gap is ever left in a file, and the rest is due with the range.
+        file.carriedAskedAtMs = file.carriedAskedAtMs ? std::min(file.carriedAskedAtMs, query.askedAtMs) : query.askedAtMs;
         if (pipelined())
             file.gaps.emplace_back(query.offset + size, std::uint32_t(expected - size));
         else
@@ -580,19 +585,23 @@ bool PasteSession::finishCurrentFile(FileTask &file)
     return true;
 }
 
-// Queries outstanding are answered within the time-out, or the paste ends.
+// Each range is answered whole within the time-out of its first query, however many
+// replies it takes (one byte every few seconds would otherwise keep a paste alive for
+// ever), or the paste ends.
 void PasteSession::watchReplies()
 {
-    if (m_outstanding.empty())
-        m_replyTimer.stop();
-    else if (!m_replyTimer.isActive())
-        m_replyTimer.start();
+    if (m_ended || m_outstanding.empty())
+        return m_replyTimer.stop();
+    qint64 earliest = std::numeric_limits<qint64>::max();
+    for (const auto &[streamId, query] : m_outstanding)
+        earliest = std::min(earliest, query.askedAtMs);
+    m_replyTimer.start(int(std::clamp<qint64>(earliest + m_replyTimeoutMs - m_clock.elapsed(), 0, m_replyTimeoutMs)));
 }
 
 void PasteSession::replyTimedOut()
 {
     qCInfo(lcEngine).noquote().nospace() << "the remote side has not answered for "
-                                         << QString::number(m_replyTimer.interval() / 1000.0) << " seconds; the paste ends";
+                                         << QString::number(m_replyTimeoutMs / 1000.0) << " seconds; the paste ends";
     end(false, PastedError::websoketDisconnect, PasteReport::Why::noAnswer);
 }
 

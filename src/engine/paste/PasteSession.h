@@ -64,7 +64,7 @@ public:
     bool running() const { return !m_ended; }
     // The user is being asked what to do with names that are taken.
     bool asking() const { return m_asking; }
-    void setReplyTimeout(int ms) { m_replyTimer.setInterval(ms); }
+    void setReplyTimeout(int ms) { m_replyTimeoutMs = ms, watchReplies(); }
     PasteFigures figures() const;
 
 private:
@@ -81,6 +81,7 @@ private:
         std::uint64_t requested = 0; // bytes asked for, from the start of the file
         std::uint64_t saved = 0;
         std::vector<std::pair<std::uint64_t, std::uint32_t>> gaps; // what short replies left out
+        qint64 carriedAskedAtMs = 0; // a short reply's range: the rest is due when the range was
         std::uint64_t chunks = 0;
         std::int64_t downloadCurrentIndex = 0;
     };
@@ -92,6 +93,7 @@ private:
         std::uint32_t length = 0;
         std::uint64_t serial = 0;
         bool waiting = false; // answered empty; asked again after the retry wait
+        qint64 askedAtMs = 0; // on the session's clock: when the range was first asked for
     };
 
     bool pipelined() const { return m_window > 1; }
@@ -170,6 +172,8 @@ private:
 
     QElapsedTimer m_slice;
     bool m_continuing = false;
-    QTimer m_replyTimer; // a remote side that stops answering ends the paste
+    QTimer m_replyTimer; // a remote side that stops answering, or answers a range too slowly, ends the paste
+    QElapsedTimer m_clock;
+    int m_replyTimeoutMs = 0;
     bool m_ended = false;
 };

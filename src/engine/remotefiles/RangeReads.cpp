@@ -68,9 +68,7 @@ std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::si
         dispatch();
         return 0;
     }
-    if (file.waiting.empty())
-        file.stall.setRemainingTime(m_stallMs);
-    file.waiting.push_back(Waiting{++m_readCounter, offset, end, std::move(reply)});
+    file.waiting.push_back(Waiting{++m_readCounter, offset, end, std::move(reply), QDeadlineTimer(m_stallMs)});
     m_stallCheck.start();
     readAhead(file);
     dispatch();
@@ -234,7 +232,6 @@ bool RangeReads::handleReply(const FileSDK::CliprdrFileContentsResponse &reply)
             ask(nextStreamId(), Query{asked.key, asked.chunk, asked.offset + data.size(),
                                       std::uint32_t(asked.length - data.size()), false});
     }
-    file.stall.setRemainingTime(m_stallMs); // data came: none of its reads is stalled
     serve(file);
     readAhead(file);
     dispatch();
@@ -379,12 +376,13 @@ void RangeReads::checkStalls()
     for (auto &[key, file] : m_files) {
         if (file.waiting.empty())
             continue;
-        if (!file.stall.hasExpired()) {
+        const auto late = [](const Waiting &read) { return read.due.hasExpired(); };
+        if (std::none_of(file.waiting.cbegin(), file.waiting.cend(), late)) {
             any = true;
             continue;
         }
-        qCInfo(lcEngine).noquote().nospace() << "no data of " << kx::escapedName(QFile::decodeName(file.ref.name))
-                                             << " came for " << QString::number(m_stallMs / 1000.0)
+        qCInfo(lcEngine).noquote().nospace() << "a read of " << kx::escapedName(QFile::decodeName(file.ref.name))
+                                             << " was not answered in full in " << QString::number(m_stallMs / 1000.0)
                                              << " seconds; its reads fail";
         failWaiting(file, EIO, false);
     }

@@ -19,7 +19,8 @@
 // range queries fill through the window: at most `window` queries outstanding, the
 // chunks a read waits for asked first, then up to `window` chunks beyond the furthest
 // read (read-ahead). Memory stays bounded: a few MiB a file, 64 MiB in all. No read waits
-// for ever: one whose file has had no data for the stall time fails with EIO.
+// for ever: one not answered whole within the stall time fails with EIO, however many
+// small replies came meanwhile.
 //
 // Replies are held to their own query and to the announced size, as in a paste: a reply
 // longer than asked fails the file's reads; a short one is completed by asking for the
@@ -84,6 +85,7 @@ private:
         std::uint64_t offset = 0;
         std::uint64_t end = 0;
         Reply reply;
+        QDeadlineTimer due;
     };
     struct File
     {
@@ -91,7 +93,6 @@ private:
         std::map<std::uint64_t, Chunk> chunks;
         std::uint64_t furthest = 0; // the end of the furthest read
         std::vector<Waiting> waiting;
-        QDeadlineTimer stall;
         bool failed = false;
         bool streaming = false; // read in large or consecutive pieces: worth reading ahead
         bool closed = false;
