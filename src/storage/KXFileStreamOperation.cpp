@@ -10,6 +10,7 @@
 #include <QStandardPaths>
 #include <QUuid>
 
+#include "PartialJournal.h"
 #include "PasteTarget.h"
 #include "RemotePath.h"
 
@@ -268,10 +269,14 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     const QString partial = kx::makePartialName();
     UniqueFd file(::openat(folder.get(), QFile::encodeName(partial).constData(),
                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
-    if (!file.valid()) {
+    struct stat made {};
+    if (!file.valid() || ::fstat(file.get(), &made) != 0) {
         qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
         return nullptr;
     }
+    // Journaled before its first byte: only a file the journal names is ever cleaned up.
+    operation->m_device = std::uint64_t(made.st_dev), operation->m_inode = std::uint64_t(made.st_ino);
+    PartialJournal::shared().add({::getpid(), operation->m_device, operation->m_inode, QFileInfo(fullPath).path(), partial});
     operation->filePath = fullPath;
     operation->fileName = parts.last();
     operation->fileSize = 0;
@@ -396,6 +401,7 @@ std::optional<QString> KXFileStreamOperation::commit(bool replace)
         const int placed = replace && number == 1 ? ::renameat(folder, from.constData(), folder, to.constData())
                                                   : renameNoReplace(folder, from.constData(), to.constData());
         if (placed == 0) {
+            PartialJournal::shared().remove(m_device, m_inode);
             m_partialName.clear();
             return QFileInfo(filePath).path() + QLatin1Char('/') + name;
         }
@@ -408,8 +414,10 @@ std::optional<QString> KXFileStreamOperation::commit(bool replace)
 
 void KXFileStreamOperation::discard()
 {
-    if (!m_partialName.isEmpty() && m_folderFd.valid())
+    if (!m_partialName.isEmpty() && m_folderFd.valid()) {
         ::unlinkat(m_folderFd.get(), QFile::encodeName(m_partialName).constData(), 0);
+        PartialJournal::shared().remove(m_device, m_inode);
+    }
     m_partialName.clear();
 }
 

@@ -100,4 +100,5 @@ private:
     UniqueFd m_writeFd;
     UniqueFd m_folderFd;   // of the file being written
     QString m_partialName; // its hidden name there, until it is committed
+    std::uint64_t m_device = 0, m_inode = 0; // the hidden file's, as journaled
 };

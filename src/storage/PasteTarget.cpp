@@ -8,8 +8,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,32 +55,6 @@ QString makePartialName()
 {
     return partialPrefix + QString::number(::getpid()) + QLatin1Char('-')
         + QString::number(QRandomGenerator::global()->generate64(), 16);
-}
-
-int removeStalePartials(int folderFd)
-{
-    const int listed = ::openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (listed < 0)
-        return 0;
-    DIR *dir = ::fdopendir(listed);
-    if (!dir) {
-        ::close(listed);
-        return 0;
-    }
-    const QByteArray prefix = QFile::encodeName(partialPrefix);
-    int removed = 0;
-    while (const dirent *entry = ::readdir(dir)) {
-        const QByteArray name(entry->d_name);
-        if (!name.startsWith(prefix))
-            continue;
-        const pid_t writer = pid_t(name.mid(prefix.size()).split('-').first().toInt());
-        // Another companion that still runs may be writing it; ours are in use.
-        if (writer > 0 && (writer == ::getpid() || ::kill(writer, 0) == 0 || errno == EPERM))
-            continue;
-        removed += ::unlinkat(folderFd, name.constData(), 0) == 0;
-    }
-    ::closedir(dir);
-    return removed;
 }
 
 } // namespace kx

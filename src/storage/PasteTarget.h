@@ -26,11 +26,9 @@ FoundTarget existingTarget(const QString &base, const QStringList &components);
 // the number at its end. Its stem is shortened as far as NAME_MAX needs.
 QString numberedName(const QString &name, int number, bool folder = false);
 
-// Hidden files in which a paste writes until a file is complete. Their names carry the
-// writing process, so one left by a process that is gone is known for what it is.
+// Hidden files in which a paste writes until a file is complete; PartialJournal knows
+// which are ours.
 extern const QString partialPrefix;
 QString makePartialName();
-// Removes what pastes of processes that are gone left in this folder; returns how many.
-int removeStalePartials(int folderFd);
 
 } // namespace kx

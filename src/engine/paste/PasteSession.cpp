@@ -5,6 +5,7 @@
 #include "FileTime.h"
 #include "KXFileManager.h"
 #include "Messages.h"
+#include "PartialJournal.h"
 #include "RangeReads.h"
 #include "RemotePath.h"
 #include "Wire.h"
@@ -402,7 +403,7 @@ void PasteSession::startCurrentFile(std::size_t index)
     const QString folder = QFileInfo(file.out->filePath).path();
     if (!m_cleanedFolders.contains(folder)) {
         m_cleanedFolders.insert(folder);
-        if (const int removed = kx::removeStalePartials(file.out->folderDescriptor()))
+        if (const int removed = PartialJournal::shared().removeLeftIn(file.out->folderDescriptor(), folder))
             qCInfo(lcEngine).noquote().nospace() << "removed " << removed << " unfinished files of an earlier paste from " << folder;
     }
     if (file.size == 0)
