@@ -4,6 +4,8 @@
 
 bin=${KX_BUILD_DIR:-$top/build}
 work=$(mktemp -d /tmp/kx-e2e.XXXXXX)
+# The journal of unfinished files is the run's own, not the user's.
+export XDG_STATE_HOME=$work/state
 pids=()
 stop_all() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; }
 # cleanup [STATUS]: a passing run's scratch goes with it; a failing one's stays, for the
