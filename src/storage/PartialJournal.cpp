@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QScopeGuard>
 
 #include <cerrno>
 #include <csignal>
@@ -49,8 +50,7 @@ QByteArray readAll(int fd)
 {
     QByteArray text;
     char buffer[65536];
-    ::lseek(fd, 0, SEEK_SET);
-    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+    for (ssize_t n; (n = ::pread(fd, buffer, sizeof buffer, off_t(text.size()))) > 0;)
         text.append(buffer, qsizetype(n));
     return text;
 }
@@ -74,18 +74,28 @@ PartialJournal &PartialJournal::shared()
 template<typename Change>
 bool PartialJournal::edit(Change change) const
 {
-    QDir().mkpath(QFileInfo(m_path).path());
-    UniqueFd fd(::open(QFile::encodeName(m_path).constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    // Kept open: a paste of many small files edits the journal twice a file.
+    UniqueFd &fd = m_fd;
+    if (!fd.valid()) {
+        const QByteArray path = QFile::encodeName(m_path);
+        fd.reset(::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!fd.valid() && errno == ENOENT && QDir().mkpath(QFileInfo(m_path).path()))
+            fd.reset(::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (!fd.valid()) {
+            qCInfo(lcStream).noquote().nospace() << "cannot open the journal of unfinished files " << m_path << ": "
+                                                 << std::strerror(errno);
+            return false;
+        }
+    }
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    while (fd.valid() && ::fcntl(fd.get(), F_SETLKW, &lock) != 0 && errno == EINTR) {
+    while (::fcntl(fd.get(), F_SETLKW, &lock) != 0 && errno == EINTR) {
     }
-    if (!fd.valid()) {
-        qCInfo(lcStream).noquote().nospace() << "cannot open the journal of unfinished files " << m_path << ": "
-                                             << std::strerror(errno);
-        return false;
-    }
+    const auto unlock = qScopeGuard([&] {
+        lock.l_type = F_UNLCK;
+        ::fcntl(fd.get(), F_SETLK, &lock);
+    });
     std::vector<Entry> entries = decode(readAll(fd.get()));
     if (!change(entries))
         return true;

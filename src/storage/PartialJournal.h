@@ -1,5 +1,7 @@
 #pragma once
 
+#include "UniqueFd.h"
+
 #include <QString>
 
 #include <cstdint>
@@ -40,4 +42,5 @@ private:
     bool edit(Change change) const;
 
     QString m_path;
+    mutable UniqueFd m_fd;
 };
