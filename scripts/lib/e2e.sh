@@ -7,7 +7,20 @@ work=$(mktemp -d /tmp/kx-e2e.XXXXXX)
 # The journal of unfinished files is the run's own, not the user's.
 export XDG_STATE_HOME=$work/state
 pids=()
-stop_all() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done; wait 2>/dev/null; }
+# stop_all: SIGTERM to all; what still runs 5 s later (the file manager takes SIGTERM as a
+# request, which it may leave unanswered on a busy machine) gets SIGKILL.
+stop_all() {
+  local p _ left
+  for p in "${pids[@]}"; do kill "$p" 2>/dev/null; done
+  for _ in $(seq 50); do
+    left=0
+    for p in "${pids[@]}"; do [ "$(cut -d' ' -f3 "/proc/$p/stat" 2>/dev/null)" = Z ] || ! [ -e "/proc/$p" ] || left=1; done
+    [ $left = 0 ] && break
+    sleep 0.1
+  done
+  for p in "${pids[@]}"; do kill -KILL "$p" 2>/dev/null; done
+  wait 2>/dev/null
+}
 # cleanup [STATUS]: a passing run's scratch goes with it; a failing one's stays, for the
 # logs that fail() names. KX_E2E_KEEP=1 keeps it in any case.
 cleanup() {
@@ -82,12 +95,12 @@ start_app() {
 }
 
 # focus_window TITLE-REGEX: the first visible window of that title, focused; its id.
-# find_window NAME: the id of a visible window whose name matches, within 20 s. A search
+# find_window NAME: the id of a visible window whose name matches, within a minute. A search
 # ends in an X error when a window closes while it is being looked at (the chooser
 # going away), so it is asked again rather than trusted to wait.
 find_window() {
   local id _
-  for _ in $(seq 100); do
+  for _ in $(seq 300); do # a minute: a file manager starting on a busy machine is slow
     id=$(xdotool search --onlyvisible --name "$1" 2> /dev/null | head -1)
     [ -n "$id" ] && echo "$id" && return 0
     sleep 0.2
