@@ -79,7 +79,12 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
 
 void ViewController::viewDidLoad(const QStringList &arguments)
 {
-    QTimer::singleShot(hideDelayMs, this, &ViewController::hideWindow);
+    // Not over a paste that has shown the window since: on a busy machine one can start
+    // within the half second.
+    QTimer::singleShot(hideDelayMs, this, [this] {
+        if (!m_pasting)
+            hideWindow();
+    });
     const LaunchArguments values = LaunchArguments::read(arguments);
     m_ipAdress = values.ipAdress;
     m_port = values.port;
