@@ -72,7 +72,7 @@ PartialJournal &PartialJournal::shared()
 }
 
 template<typename Change>
-bool PartialJournal::edit(Change change) const
+bool PartialJournal::edit(Change change)
 {
     // Kept open: a paste of many small files edits the journal twice a file.
     UniqueFd &fd = m_fd;
@@ -134,14 +134,4 @@ int PartialJournal::removeLeftIn(int folderFd, const QString &folder)
         }) > 0;
     });
     return removed;
-}
-
-std::vector<PartialJournal::Entry> PartialJournal::entries() const
-{
-    std::vector<Entry> out;
-    edit([&](std::vector<Entry> &entries) {
-        out = entries;
-        return false;
-    });
-    return out;
 }

@@ -27,20 +27,18 @@ public:
     static QString defaultPath();
     static PartialJournal &shared();
     explicit PartialJournal(QString path) : m_path(std::move(path)) {}
-    QString path() const { return m_path; }
 
     bool add(const Entry &entry);
     void remove(std::uint64_t device, std::uint64_t inode);
     // Removes the temporaries in the open folder (at `folder`) whose writer no longer
     // runs and that are still the files recorded; says how many.
     int removeLeftIn(int folderFd, const QString &folder);
-    std::vector<Entry> entries() const;
 
 private:
     // Reads, changes and writes the journal under a lock, as other companions may too.
     template<typename Change>
-    bool edit(Change change) const;
+    bool edit(Change change);
 
     QString m_path;
-    mutable UniqueFd m_fd;
+    UniqueFd m_fd;
 };
