@@ -609,6 +609,9 @@ void TestDesktop::endTexts_data()
            "no half-written file was left.";
     QTest::newRow("no answer") << false << report(Why::noAnswer, 0) << "The remote desktop stopped answering for a minute while "
         "“Project/big.mp4” was being received.\nNo file was saved, and no half-written file was left.";
+    QTest::newRow("other files copied meanwhile") << false << report(Why::remoteCopyChanged, 1) << "Something else was copied "
+        "on the remote desktop while “Project/big.mp4” was being received, so the paste stopped rather than mix the two copies.\n"
+        "1 file was saved in “Downloads” before the paste ended; no half-written file was left.";
     QTest::newRow("a list that does not decode") << false << report(Why::unreadable, 0, "", "") << "The remote desktop sent data that could not be read.";
     QTest::newRow("lost before a folder was chosen") << false << report(Why::connectionLost, 0, "", "")
         << "The connection to the remote desktop was lost. It comes back by itself: paste again once the remote desktop offers "

@@ -65,6 +65,7 @@ private slots:
     void formatAskedFor();
     void chooserGuardsAndStrayReplies();
     void onePasteAtATime();
+    void newerCopyWhileChoosing();
     void window_data();
     void window();
     void windowShortAndEmptyReplies();
@@ -245,6 +246,26 @@ void TestPaste::endings_data()
                 break;
         }
         QVERIFY(log.contains("the remote side has not answered for 0.4 seconds; the paste ends"));
+    });
+    // A newer remote copy whose f.bin has another time: nothing more of it is fetched, and
+    // what its replies brought before the list came is not written.
+    const Descriptors newer{descriptor("done.txt", 0), descriptor("f.bin", quint64(fileData().size()), 0x80, 5), descriptor("z.txt", 0)};
+    rows("a newer copy of the file", {0, 1}, PastedError::cancelDownload, Why::remoteCopyChanged, [newer](EngineHarness &h, const Query &) {
+        QVERIFY(h.newerCopy(newer));
+    });
+    rows("a newer copy's bytes before its list", {1}, PastedError::cancelDownload, Why::remoteCopyChanged, [newer](EngineHarness &h, const Query &q) {
+        h.remoteCopy();
+        QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+        h.reply(q.streamid(), QByteArray(int(q.cbrequested()), 'n'));
+        QVERIFY(h.ends.isEmpty());
+        h.offer(newer);
+    });
+    rows("a newer copy whose list never comes", {0}, PastedError::cancelDownload, Why::remoteCopyChanged, [](EngineHarness &h, const Query &) {
+        h.remoteCopy();
+        QVERIFY(h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+        h.engine->setReplyTimeout(300);
+        QVERIFY(QTest::qWaitFor([&] { return !h.ends.isEmpty(); }, 3000));
+        h.engine->setReplyTimeout(ClipBoardManager::defaultReplyTimeoutMs);
     });
     rows("connection lost", {0, 1}, PastedError::websoketDisconnect, Why::connectionLost, [](EngineHarness &h, const Query &) { h.sink.lose(); });
     rows("a file too large for its limit", {1}, saveError, Why::cannotWrite, [](EngineHarness &h, const Query &q) {
@@ -526,13 +547,16 @@ void TestPaste::chooserGuardsAndStrayReplies()
     h.remoteCopy();
     h.send(hex("0a 05 06"));
     QVERIFY(h.ends.size() == 7 && h.engine->hasFormList());
-    // An empty reply's repeat is sent whatever the status: a new remote copy meanwhile
-    // does not stall the download. A reply during the wait cancels the repeat.
+    // An empty reply's repeat is sent whatever the status: a new remote copy of the same
+    // file meanwhile does not stall the download. A reply during the wait cancels the repeat.
     QVERIFY(h.pasteOf({descriptor("big", 3 * chunk)}));
     h.reply(h.query().streamid(), QByteArray(8, 0));
     const Query q = h.query();
     h.reply(q.streamid(), {});
-    h.remoteCopy();
+    FileSDK::CliprdrFormatList text; // a copy of text changes nothing for files
+    text.add_formats()->set_formatname("CF_UNICODETEXT");
+    h.send(text, FrameType::formatList);
+    QVERIFY(h.newerCopy({descriptor("big", 3 * chunk), descriptor("more", 1)}));
     QCOMPARE(h.query(2000).npositionlow(), 0u);
     h.reply(q.streamid(), {});
     h.reply(q.streamid(), pattern(chunk, 1));
@@ -559,7 +583,7 @@ void TestPaste::onePasteAtATime()
     const Query running = h.query();
     h.reply(running.streamid(), first.first(chunk));
     const Query last = h.query();
-    h.remoteCopy();
+    QVERIFY(h.newerCopy({descriptor("first", 2 * chunk)}));
     QVERIFY(paste('b'));
     h.chooser->whileOpen = [&] { h.reply(last.streamid(), first.mid(chunk)); }; // the first download ends meanwhile
     h.offer({descriptor("second", 3 * chunk), descriptor("second", 3 * chunk)});
@@ -575,7 +599,7 @@ void TestPaste::onePasteAtATime()
     const QString other = h.root.filePath("other");
     QVERIFY(QDir().mkpath(other));
     h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(other)};
-    h.remoteCopy();
+    QVERIFY(h.newerCopy({descriptor("second", 3 * chunk), descriptor("second", 3 * chunk)}));
     QVERIFY(paste('c'));
     h.offer({descriptor("third", 5)});
     QCOMPARE(ends, (QList<QPair<char, bool>>{{'a', true}, {'b', false}}));
@@ -608,6 +632,19 @@ void TestPaste::onePasteAtATime()
 #if !defined(__SANITIZE_ADDRESS__) // the sanitizer's quarantine keeps freed memory resident
     QVERIFY2(kx::residentKiB() - before < 16 << 10, qPrintable(QString("%1 KiB kept").arg(kx::residentKiB() - before)));
 #endif
+}
+
+// Other files copied on the remote side while the folder is chosen: nothing is pasted. The
+// same files copied again: the paste goes on.
+void TestPaste::newerCopyWhileChoosing()
+{
+    EngineHarness h;
+    h.chooser->whileOpen = [&] { QVERIFY(h.newerCopy({descriptor("a", 3, 0x80, 2)})); };
+    QVERIFY(h.pasteOf({descriptor("a", 3, 0x80, 1)}));
+    QVERIFY(h.lastEnd(false, PastedError::cancelDownload) && h.engine->lastPasteReport().why == PasteReport::Why::remoteCopyChanged);
+    QVERIFY(!h.nextFrame(0) && treeOf(h.dest).isEmpty());
+    h.chooser->whileOpen = [&] { QVERIFY(h.newerCopy({descriptor("a", 3, 0x80, 1)})); };
+    QVERIFY(h.pasteAll({descriptor("a", 3, 0x80, 1)}, {{0, "abc"}}) && h.lastEnd(true, PastedError::noError));
 }
 
 void TestPaste::window_data()

@@ -393,8 +393,10 @@ struct Mounted
         QString why;
         return h.nextFrame(15000) == QByteArray(1, 0) && mount.serve(h.engine->remoteFiles(), why);
     }
-    // A remote copy of these; true once the clipboard offers it.
-    bool copy(const Descriptors &list)
+    // A remote copy of these; true once the clipboard offers it. With answerFirst, the
+    // queries that came meanwhile are answered before the list, as a remote side answers
+    // from its newer copy before the engine has the list of it.
+    bool copy(const Descriptors &list, bool answerFirst = false)
     {
         const QList<QUrl> before = h.pasteboard.offered;
         h.remoteCopy();
@@ -407,6 +409,8 @@ struct Mounted
             if (const auto q = kx::parseMessage<Query>(frame->first(frame->size() - 1)))
                 held.append(*q);
         }
+        for (const Query &q : answerFirst ? std::exchange(held, {}) : QList<Query>())
+            answer(q);
         h.offer(list);
         return QTest::qWaitFor([&] { return h.pasteboard.offered != before; }, 10000);
     }
@@ -499,24 +503,34 @@ void TestRemoteFiles::mountedCopy()
 }
 
 // The connection lost during a read: the reader gets an error within seconds, not a hang.
-// A newer copy during a read: the read goes on, and both copies are there.
+// A newer copy during reads, its queries answered from it before its list came: the file
+// it holds the same is read whole, the one it changed (same name and size, another time
+// and other bytes) fails with no byte of the newer one in it, and both copies are there.
 void TestRemoteFiles::dropAndNewerCopy()
 {
     if (!canMount())
         QSKIP("/dev/fuse cannot be opened here: the mounted file system is not tested");
     Mounted m;
     QVERIFY(m.start());
-    const QByteArray data = bytesAt(0, 6 << 20);
-    m.files = {{0, [&](std::uint64_t o, std::uint32_t l) { return data.mid(qsizetype(o), l); }}};
-    QVERIFY(m.copy({descriptor("a.bin", data.size())}));
+    const QByteArray data = bytesAt(0, 6 << 20), old = bytesAt(7, 6 << 20), newer = bytesAt(9, 6 << 20);
+    const QByteArray *changing = &old;
+    m.files = {{0, [&](std::uint64_t o, std::uint32_t l) { return data.mid(qsizetype(o), l); }},
+               {1, [&](std::uint64_t o, std::uint32_t l) { return changing->mid(qsizetype(o), l); }}};
+    QVERIFY(m.copy({descriptor("a.bin", data.size(), 0x80, 1), descriptor("c.bin", old.size(), 0x80, 1)}));
     const QString first = m.mount.path() + "/1/a.bin";
+    QTemporaryDir out;
     QProcess reader;
-    reader.start("sh", {"-c", QString("cat '%1' | sha256sum").arg(first)});
+    reader.start("sh", {"-c", QString("cat '%1' | sha256sum; cat '%2/1/c.bin' > '%3/c'").arg(first, m.mount.path(), out.path())});
     QVERIFY(reader.waitForStarted());
     QVERIFY(QTest::qWaitFor([&] { return !m.h.agent->frames.isEmpty(); }, 5000)); // its first queries, not answered yet
-    QVERIFY(m.copy({descriptor("b.bin", 10)}));
+    changing = &newer;
+    QVERIFY(m.copy({descriptor("a.bin", data.size(), 0x80, 1), descriptor("c.bin", newer.size(), 0x80, 2)}, true));
     QVERIFY(m.serveUntilDone(reader));
-    QCOMPARE(reader.readAllStandardOutput(), QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex() + "  -\n");
+    const auto sum = [](const QByteArray &b) { return QCryptographicHash::hash(b, QCryptographicHash::Sha256).toHex() + "  -\n"; };
+    QCOMPARE(reader.readAllStandardOutput(), sum(data));
+    QVERIFY(reader.exitCode() != 0 && reader.readAllStandardError().contains("Input/output error"));
+    QVERIFY(old.startsWith(readFile(out.filePath("c"))));
+    QCOMPARE(run(m, QString("cat '%1/2/c.bin' | sha256sum").arg(m.mount.path())), sum(newer));
     QCOMPARE(run(m, QString("ls '%1'").arg(m.mount.path())), QByteArray("1\n2\n"));
 
     m.longReplies = true; // held to its query: the read fails

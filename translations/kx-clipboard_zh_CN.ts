@@ -74,6 +74,14 @@
         <translation>与远程桌面的连接已断开。连接会自动恢复：待远程桌面再次提供这些文件后，请重新粘贴。</translation>
     </message>
     <message>
+        <source>Something else was copied on the remote desktop while you chose the folder, so nothing was pasted. Paste again to get what is copied now.</source>
+        <translation>选择文件夹时，远程桌面上复制了其他内容，因此没有粘贴任何文件。再次粘贴即可得到现在复制的内容。</translation>
+    </message>
+    <message>
+        <source>Something else was copied on the remote desktop while %1 was being received, so the paste stopped rather than mix the two copies.</source>
+        <translation>接收 %1 时，远程桌面上复制了其他内容；为避免混入两份复制的文件，粘贴已停止。</translation>
+    </message>
+    <message>
         <source>The remote desktop stopped answering for a minute while %1 was being received.</source>
         <translation>接收 %1 时，远程桌面已有一分钟没有响应。</translation>
     </message>

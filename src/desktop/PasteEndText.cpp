@@ -50,6 +50,11 @@ QString PasteEndText::reason(const PasteReport &r)
         return tr("%1 could not be written: %2.").arg(file, r.detail);
     case Why::unreadable:
         return tr("The remote desktop sent data that could not be read.");
+    case Why::remoteCopyChanged:
+        return r.file.isEmpty() ? tr("Something else was copied on the remote desktop while you chose the folder, so "
+                                     "nothing was pasted. Paste again to get what is copied now.")
+                                : tr("Something else was copied on the remote desktop while %1 was being received, so "
+                                     "the paste stopped rather than mix the two copies.").arg(file);
     case Why::tooManyFiles:
         return tr("The remote copy has more than 1,000,000 files: it is too large to paste.");
     }

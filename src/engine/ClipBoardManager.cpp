@@ -90,6 +90,7 @@ void ClipBoardManager::socketDidDisconnect()
     endPendingPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
     endRunningPaste(PastedError::websoketDisconnect, PasteReport::Why::connectionLost);
     m_listRequests.clear();
+    m_comparisonsAwaited = 0;
     m_listTimer->stop();
     if (m_files)
         m_files->connectionLost();
@@ -165,10 +166,47 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
     m_pasteStatus = PasteStatus::start;
     setFormList(kx::parseMessage<FileSDK::CliprdrFormatList>(payload));
     qCInfo(lcEngine).noquote() << "windwos 按下 ctrol+ c handleFormListRespose";
+    // Queries name no copy: from now on the remote side answers from its newer files. A copy
+    // of text leaves them as they were.
+    const bool newerFiles = offersFiles(m_formList);
+    const bool older = pasteRunning() || m_pending || (servesFiles() && m_files->copies() > 0);
+    if (newerFiles && older)
+        holdForComparison();
     if (servesFiles()) {
         m_files->retireCopy();
-        if (offersFiles(m_formList))
-            requestList(true); // laid out as files at once: the file manager pastes them
+        if (newerFiles) // laid out as files at once: the file manager pastes them
+            requestList(forFiles | (older ? unsigned(forComparison) : 0u));
+    } else if (newerFiles && older) {
+        requestList(forComparison);
+    }
+}
+
+void ClipBoardManager::holdForComparison()
+{
+    if (m_comparisonsAwaited++ == 0)
+        qCInfo(lcEngine).noquote() << "the remote side copied something else while files of its older copy are read; "
+                                      "its new file list tells which of them are still the same";
+    if (pasteRunning())
+        m_paste->setHeld(true);
+    if (m_files)
+        m_files->setHeld(true);
+}
+
+void ClipBoardManager::compareWith(const DescriptorList *newer)
+{
+    if (pasteRunning())
+        m_paste->compareWith(newer);
+    if (m_pending && m_pending->choosing && !m_pending->changed) {
+        for (std::size_t i = 0; i < m_pending->list.size() && !m_pending->changed; ++i)
+            m_pending->changed = !newer || !m_pending->list.sameEntry(i, *newer);
+    }
+    if (m_files)
+        m_files->compareWith(newer);
+    if (m_comparisonsAwaited > 0 && --m_comparisonsAwaited == 0) {
+        if (pasteRunning())
+            m_paste->setHeld(false);
+        if (m_files)
+            m_files->setHeld(false);
     }
 }
 
@@ -199,16 +237,16 @@ void ClipBoardManager::sendFormatDataRequest(ProgressCallback progress, Completi
     m_pending->completion = std::move(completion);
     if (m_filesOffered)
         emit filesOffered(m_filesOffered = false); // the paste has started
-    requestList(false);
+    requestList(forPaste);
 }
 
 // Each list asked for must come within the time-out, the file system's as a paste's: lists
 // are told apart only by their order, and one that never comes would shift every later one.
-void ClipBoardManager::requestList(bool forFiles)
+void ClipBoardManager::requestList(unsigned use)
 {
     if (m_listRequests.empty())
         m_listTimer->start();
-    m_listRequests.push_back(forFiles);
+    m_listRequests.push_back(use);
     std::uint32_t formatId = 0;
     for (const FileSDK::CliprdrFormat &format : m_formList->formats()) {
         if (format.formatname() == kx::wire::descriptorFormatName)
@@ -218,21 +256,32 @@ void ClipBoardManager::requestList(bool forFiles)
     *request.mutable_header() = m_formList->header();
     request.set_requestedformatid(formatId);
     send(request, FrameType::formatDataRequest,
-         forFiles ? "asked for the remote copy's file list, to serve it as files" : "向widows发送control + v成功");
+         use & forPaste  ? "向widows发送control + v成功"
+         : use & forFiles ? "asked for the remote copy's file list, to serve it as files"
+                          : "asked for the remote copy's file list, to compare it with the older one's");
 }
 
 void ClipBoardManager::handleFormatDataResponse(const QByteArray &payload)
 {
     // Lists come in the order they were asked for.
-    const bool forFiles = !m_listRequests.empty() && m_listRequests.front();
+    const unsigned use = m_listRequests.empty() ? forPaste : m_listRequests.front();
     if (!m_listRequests.empty())
         m_listRequests.pop_front();
     if (m_listRequests.empty())
         m_listTimer->stop();
     else
         m_listTimer->start(); // the next one's turn
-    if (forFiles)
-        return takeListForFiles(payload);
+    if (use & (forFiles | forComparison)) {
+        DescriptorList list;
+        const DescriptorList::Scan scan = DescriptorList::scan(payload, list);
+        if (use & forComparison)
+            compareWith(scan == DescriptorList::Scan::ok ? &list : nullptr);
+        if (!(use & forFiles))
+            return;
+        if (scan != DescriptorList::Scan::ok)
+            return logRefusedList(scan, "served as files");
+        return takeListForFiles(std::move(list), payload);
+    }
     // Only the paste that asked for a list takes one: a list nobody asked for opens no
     // chooser, and a second one while the chooser is open does not replace the first.
     if (!m_pending || m_pending->choosing) {
@@ -261,6 +310,11 @@ void ClipBoardManager::folderChosen(const QUrl &url)
         qCInfo(lcEngine).noquote() << "paste ended while the folder was being chosen; nothing is downloaded";
         return;
     }
+    if (m_pending->changed) {
+        qCInfo(lcEngine).noquote() << "the remote side copied something else while the folder was being chosen; "
+                                      "nothing is downloaded";
+        return endPendingPaste(PastedError::cancelDownload, PasteReport::Why::remoteCopyChanged);
+    }
     startDownload(url);
 }
 
@@ -287,6 +341,7 @@ void ClipBoardManager::startDownload(const QUrl &url)
     m_pasteStatus = PasteStatus::downloading;
     m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical, std::move(pending.list),
                                              std::move(pending.progress), std::move(pending.completion));
+    m_paste->setHeld(m_comparisonsAwaited > 0);
     m_paste->start();
 }
 
@@ -320,14 +375,10 @@ void ClipBoardManager::logRefusedList(DescriptorList::Scan scan, const char *wha
                 : QStringLiteral("the remote copy could not be read: its file list does not decode"));
 }
 
-void ClipBoardManager::takeListForFiles(const QByteArray &payload)
+void ClipBoardManager::takeListForFiles(DescriptorList list, const QByteArray &payload)
 {
     if (!servesFiles())
         return;
-    DescriptorList list;
-    const DescriptorList::Scan scan = DescriptorList::scan(payload, list);
-    if (scan != DescriptorList::Scan::ok)
-        return logRefusedList(scan, "served as files");
     emit offerChanged(RemoteOffer{true, PasteContents{list.size(), kx::filesSize(payload)}});
     m_files->addCopy(std::move(list));
 }
@@ -384,7 +435,13 @@ void ClipBoardManager::endRunningPaste(PastedError error, PasteReport::Why why)
 // later one is not taken for another's.
 void ClipBoardManager::listTimedOut()
 {
+    const bool comparing = std::any_of(m_listRequests.begin(), m_listRequests.end(),
+                                       [](unsigned use) { return use & forComparison; });
     m_listRequests.clear();
+    if (comparing) { // what older copies hold can no longer be told apart from the newer
+        m_comparisonsAwaited = 1;
+        compareWith(nullptr);
+    }
     if (!m_pending || m_pending->choosing) {
         qCInfo(lcEngine).noquote().nospace() << "the remote side has not sent the file list asked for in "
                                              << QString::number(m_replyTimeoutMs / 1000.0) << " seconds; it is not waited for";

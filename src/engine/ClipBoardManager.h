@@ -33,6 +33,7 @@ struct PendingPaste
     std::function<void(double)> progress;
     std::function<void(bool, PastedError)> completion;
     bool choosing = false; // the list came; the folder chooser is open
+    bool changed = false;  // the remote side copied something else meanwhile
     DescriptorList list;
 };
 
@@ -122,8 +123,12 @@ private:
     void setFormList(std::optional<FileSDK::CliprdrFormatList> list);
     void offerAgain();
     void sendFormatDataRequest(ProgressCallback progress, CompletionCallback completion);
-    void requestList(bool forFiles);
-    void takeListForFiles(const QByteArray &payload);
+    void requestList(unsigned use);
+    void takeListForFiles(DescriptorList list, const QByteArray &payload);
+    // A newer remote copy: what older ones still hold is compared with its list (nothing,
+    // when it cannot be had); once the last list awaited came, fetching goes on.
+    void holdForComparison();
+    void compareWith(const DescriptorList *newer);
     static void logRefusedList(DescriptorList::Scan scan, const char *what);
     void startDownload(const QUrl &url);
     bool pasteRunning() const;
@@ -154,6 +159,9 @@ private:
 
     CopyServer m_copy;
     std::unique_ptr<RemoteFiles> m_files;
-    // Who asked for each list still to come, in order: the file system (true) or a paste.
-    std::deque<bool> m_listRequests;
+    // What each list still to come is for, in order: a paste, the file system, and, for a
+    // newer remote copy, to tell which files of the older ones are still the same.
+    enum ListUse : unsigned { forPaste = 1, forFiles = 2, forComparison = 4 };
+    std::deque<unsigned> m_listRequests;
+    int m_comparisonsAwaited = 0; // while any is, nothing more is fetched of an older copy
 };

@@ -21,7 +21,8 @@ struct PasteReport
         outsideFolder,  // a name that would land outside the chosen folder
         cannotWrite,    // any other local failure; detail says it
         unreadable,     // the remote side sent what could not be read
-        tooManyFiles
+        tooManyFiles,
+        remoteCopyChanged // the remote side copied other files meanwhile
     };
 
     Why why = Why::none;

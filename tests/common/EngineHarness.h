@@ -124,6 +124,15 @@ public:
         send(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList);
         (void)QTest::qWaitFor([&] { return pasteboard.clears > clears; }, 5000);
     }
+    // A newer remote copy while files of an older one are read: its list is asked for at once
+    // and compared with the older one's.
+    bool newerCopy(const Descriptors &list)
+    {
+        remoteCopy();
+        const bool asked = next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest).has_value();
+        offer(list);
+        return asked;
+    }
     void offer(const Descriptors &list)
     {
         FileSDK::MacCliprdrFormatDataResponse response;

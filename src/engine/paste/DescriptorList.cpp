@@ -1,5 +1,7 @@
 #include "DescriptorList.h"
 
+#include "Messages.h"
+
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/wire_format_lite.h>
 
@@ -59,6 +61,20 @@ std::optional<FileSDK::FileDescriptorw> DescriptorList::entry(std::size_t index)
     if (index >= m_offsets.size() || !d.ParseFromArray(m_payload.constData() + m_offsets[index], int(m_lengths[index])))
         return std::nullopt;
     return d;
+}
+
+bool DescriptorList::sameEntry(std::size_t index, const DescriptorList &newer) const
+{
+    if (index >= m_offsets.size() || index >= newer.m_offsets.size())
+        return false;
+    // Most lists repeat entries byte for byte: nothing is decoded for those.
+    if (QByteArrayView(m_payload.constData() + m_offsets[index], m_lengths[index])
+        == QByteArrayView(newer.m_payload.constData() + newer.m_offsets[index], newer.m_lengths[index]))
+        return true;
+    const auto older = entry(index), now = newer.entry(index);
+    return older && now && older->cfilename() == now->cfilename() && kx::descriptorSize(*older) == kx::descriptorSize(*now)
+        && older->ftlastwritetimehigh() == now->ftlastwritetimehigh()
+        && older->ftlastwritetimelow() == now->ftlastwritetimelow();
 }
 
 void DescriptorList::clear()

@@ -28,6 +28,10 @@ public:
     bool empty() const { return m_offsets.empty(); }
     // Nothing if the entry does not decode.
     std::optional<FileSDK::FileDescriptorw> entry(std::size_t index) const;
+    // Whether the newer list holds the same file at the same place: same name, size and
+    // last-write time. A remote side answers from its newest copy, so only such an entry's
+    // bytes may still be asked for.
+    bool sameEntry(std::size_t index, const DescriptorList &newer) const;
     // Lets the list's memory go.
     void clear();
 

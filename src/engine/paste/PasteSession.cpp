@@ -4,6 +4,7 @@
 #include "EngineLog.h"
 #include "FileTime.h"
 #include "KXFileManager.h"
+#include "LogText.h"
 #include "Messages.h"
 #include "PartialJournal.h"
 #include "RangeReads.h"
@@ -298,7 +299,7 @@ void PasteSession::pump()
             qCInfo(lcEngine).noquote() << "所有文件下载完成";
             return setFolderTimes();
         }
-        if (m_outstanding.size() >= std::size_t(m_window))
+        if (m_held || m_outstanding.size() >= std::size_t(m_window))
             break;
         if (requestNextRange())
             continue;
@@ -372,6 +373,7 @@ void PasteSession::end(bool success, PastedError error, PasteReport::Why why, co
     for (const auto &[streamId, query] : m_outstanding)
         m_engine.m_staleStreams.insert(streamId);
     m_outstanding.clear();
+    m_keptAside.clear();
     m_originFileDescriptorwList.clear();
     std::vector<std::uint32_t>().swap(m_files);
     std::vector<std::uint32_t>().swap(m_queryIndexes);
@@ -477,6 +479,11 @@ void PasteSession::handleContentResponse(const FileSDK::CliprdrFileContentsRespo
                                              << ", which no query outstanding carries";
         return;
     }
+    if (m_held) {
+        if (!std::exchange(found->second.keptAside, true))
+            m_keptAside.push_back(reply);
+        return;
+    }
     m_slice.start();
     const Query query = found->second;
     FileTask &file = task(query.file);
@@ -507,6 +514,8 @@ void PasteSession::scheduleRangeRetry(std::uint32_t streamId, std::uint64_t seri
         const auto found = m_outstanding.find(streamId);
         if (m_ended || found == m_outstanding.end() || found->second.serial != serial)
             return;
+        if (m_held)
+            return scheduleRangeRetry(streamId, serial);
         sendQuery(streamId, found->second, rangeRetrySent);
     });
 }
@@ -591,12 +600,58 @@ bool PasteSession::finishCurrentFile(FileTask &file)
 // ever), or the paste ends.
 void PasteSession::watchReplies()
 {
-    if (m_ended || m_outstanding.empty())
+    if (m_ended || m_held || m_outstanding.empty())
         return m_replyTimer.stop();
     qint64 earliest = std::numeric_limits<qint64>::max();
     for (const auto &[streamId, query] : m_outstanding)
         earliest = std::min(earliest, query.askedAtMs);
     m_replyTimer.start(int(std::clamp<qint64>(earliest + m_replyTimeoutMs - m_clock.elapsed(), 0, m_replyTimeoutMs)));
+}
+
+// The time held is not the remote side's: what is due moves on by as much.
+void PasteSession::setHeld(bool held)
+{
+    if (m_held == held || m_ended)
+        return;
+    m_held = held;
+    const qint64 now = m_clock.elapsed();
+    if (held) {
+        m_heldSinceMs = now;
+        return watchReplies();
+    }
+    for (auto &[streamId, query] : m_outstanding)
+        query.askedAtMs += now - m_heldSinceMs;
+    for (FileSDK::CliprdrFileContentsResponse &reply : std::exchange(m_keptAside, {})) {
+        const auto found = m_outstanding.find(reply.streamid());
+        if (m_ended || found == m_outstanding.end())
+            continue;
+        found->second.keptAside = false;
+        handleContentResponse(reply);
+    }
+    if (!m_ended)
+        pump();
+}
+
+void PasteSession::compareWith(const DescriptorList *newer)
+{
+    if (m_ended)
+        return;
+    // Files finish in list order: those before the head are complete. While the list is
+    // still being read, every entry counts.
+    const bool listRead = m_listRead == m_originFileDescriptorwList.size();
+    const std::size_t first = listRead ? m_head : 0, last = listRead ? m_files.size() : m_originFileDescriptorwList.size();
+    for (std::size_t i = first; i < last; ++i) {
+        const std::uint32_t entry = listRead ? m_files[i] : std::uint32_t(i);
+        if (newer && m_originFileDescriptorwList.sameEntry(entry, *newer))
+            continue;
+        const auto d = m_originFileDescriptorwList.entry(entry);
+        qCInfo(lcEngine).noquote().nospace()
+            << "the remote side copied something else meanwhile: "
+            << (newer ? "entry " + QString::number(entry) + " (" + kx::escapedName(QString::fromStdString(d ? d->cfilename() : std::string())) + ") is not the same"
+                      : QStringLiteral("its new file list could not be had"))
+            << "; the paste ends, keeping the files it completed";
+        return end(false, PastedError::cancelDownload, PasteReport::Why::remoteCopyChanged);
+    }
 }
 
 void PasteSession::replyTimedOut()

@@ -65,6 +65,12 @@ public:
     // The user is being asked what to do with names that are taken.
     bool asking() const { return m_asking; }
     void setReplyTimeout(int ms) { m_replyTimeoutMs = ms, watchReplies(); }
+    // Held, nothing is asked for, and replies are kept aside until it is known whether the
+    // files they belong to are still the remote side's: a newer copy may answer them.
+    void setHeld(bool held);
+    // Ends the paste if a file it has still to finish is not the same in the newer list (or
+    // if there is none to compare with): what it completed stays.
+    void compareWith(const DescriptorList *newer);
     PasteFigures figures() const;
 
 private:
@@ -93,6 +99,7 @@ private:
         std::uint32_t length = 0;
         std::uint64_t serial = 0;
         bool waiting = false; // answered empty; asked again after the retry wait
+        bool keptAside = false; // answered while held
         qint64 askedAtMs = 0; // on the session's clock: when the range was first asked for
     };
 
@@ -172,6 +179,9 @@ private:
 
     QElapsedTimer m_slice;
     bool m_continuing = false;
+    bool m_held = false;
+    qint64 m_heldSinceMs = 0;
+    std::vector<FileSDK::CliprdrFileContentsResponse> m_keptAside; // one at most per query
     QTimer m_replyTimer; // a remote side that stops answering, or answers a range too slowly, ends the paste
     QElapsedTimer m_clock;
     int m_replyTimeoutMs = 0;

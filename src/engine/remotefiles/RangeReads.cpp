@@ -40,19 +40,22 @@ std::uint64_t RangeReads::chunkLength(const File &file, std::uint64_t chunk) con
     return std::min<std::uint64_t>(chunkSize, file.ref.size - chunk * chunkSize);
 }
 
-std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::size_t size, Reply reply)
+std::uint64_t RangeReads::read(const FileRef &ref, std::uint64_t offset, std::size_t size, Reply reply, bool fetch)
 {
     File &file = m_files[ref.key];
     file.ref = ref;
-    if (file.failed) {
-        reply(EIO, {});
-        return 0;
-    }
     if (offset >= ref.size || size == 0) {
         reply(0, {});
         return 0;
     }
     const std::uint64_t end = std::min<std::uint64_t>(ref.size, offset + std::min<std::uint64_t>(size, ref.size));
+    if (file.failed || !fetch) {
+        if (whole(file, offset, end))
+            reply(0, pieces(file, offset, end));
+        else
+            reply(EIO, {});
+        return 0;
+    }
     // A file manager peeks at a file's first bytes to tell its type: only a large read, or
     // one that goes on where the last ended, is worth reading ahead of.
     file.streaming = size >= streamingReadSize || (offset > 0 && offset == file.furthest);
@@ -163,7 +166,7 @@ void RangeReads::dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator 
 
 void RangeReads::dispatch()
 {
-    while (m_outstanding.size() < std::size_t(m_window) && !m_queue.empty()) {
+    while (!m_held && m_outstanding.size() < std::size_t(m_window) && !m_queue.empty()) {
         const auto [key, index] = m_queue.front();
         m_queue.pop_front();
         const auto file = m_files.find(key);
@@ -197,18 +200,17 @@ bool RangeReads::handleReply(const FileSDK::CliprdrFileContentsResponse &reply)
         return true;
     }
     Query &query = found->second;
+    if (m_held) {
+        if (!std::exchange(query.keptAside, true))
+            m_keptAside.push_back(reply);
+        return true;
+    }
     File &file = m_files.at(query.key);
     const std::string &data = reply.requesteddata();
     if (reply.cbrequested() == 0 || data.empty()) {
         // Asked again after a wait, as long as the query is still the one outstanding.
         if (!std::exchange(query.retrying, true))
-            QTimer::singleShot(retryWaitMs, this, [this, streamId, key = query.key, offset = query.offset] {
-                const auto again = m_outstanding.find(streamId);
-                if (again != m_outstanding.end() && again->second.key == key && again->second.offset == offset) {
-                    again->second.retrying = false;
-                    m_send(streamId, m_files.at(key).ref.listIndex, offset, again->second.length);
-                }
-            });
+            retryLater(streamId);
         return true;
     }
     const Query asked = query;
@@ -238,19 +240,60 @@ bool RangeReads::handleReply(const FileSDK::CliprdrFileContentsResponse &reply)
     return true;
 }
 
+void RangeReads::retryLater(std::uint32_t streamId)
+{
+    const Query &query = m_outstanding.at(streamId);
+    QTimer::singleShot(retryWaitMs, this, [this, streamId, key = query.key, offset = query.offset] {
+        const auto again = m_outstanding.find(streamId);
+        if (again == m_outstanding.end() || again->second.key != key || again->second.offset != offset)
+            return;
+        if (m_held)
+            return retryLater(streamId);
+        again->second.retrying = false;
+        m_send(streamId, m_files.at(key).ref.listIndex, offset, again->second.length);
+    });
+}
+
+bool RangeReads::whole(const File &file, std::uint64_t offset, std::uint64_t end) const
+{
+    for (std::uint64_t chunk = offset / chunkSize; chunk <= (end - 1) / chunkSize; ++chunk) {
+        const auto found = file.chunks.find(chunk);
+        if (found == file.chunks.end() || found->second.state != State::complete)
+            return false;
+    }
+    return true;
+}
+
+void RangeReads::setHeld(bool held)
+{
+    m_held = held;
+    if (held)
+        return;
+    for (const FileSDK::CliprdrFileContentsResponse &reply : std::exchange(m_keptAside, {})) {
+        if (const auto found = m_outstanding.find(reply.streamid()); found != m_outstanding.end())
+            found->second.keptAside = false;
+        handleReply(reply);
+    }
+    dispatch();
+}
+
+void RangeReads::failChanged(const std::function<bool(std::uint64_t key)> &changed)
+{
+    for (auto &[key, file] : m_files) {
+        if (!file.failed && changed(key))
+            failWaiting(file, EIO, true);
+    }
+    // Replies kept aside for the queries abandoned with those files are theirs: they came.
+    std::erase_if(m_keptAside, [this](const FileSDK::CliprdrFileContentsResponse &reply) {
+        return !m_outstanding.count(reply.streamid()) && m_abandoned.erase(reply.streamid());
+    });
+}
+
 void RangeReads::serve(File &file)
 {
-    auto ready = [&](const Waiting &w) {
-        for (std::uint64_t chunk = w.offset / chunkSize; chunk <= (w.end - 1) / chunkSize; ++chunk) {
-            const auto found = file.chunks.find(chunk);
-            if (found == file.chunks.end() || found->second.state != State::complete)
-                return false;
-        }
-        return true;
-    };
     std::vector<Waiting> answered;
     for (auto w = file.waiting.begin(); w != file.waiting.end();) {
-        if (ready(*w)) {
+        if (whole(file, w->offset, w->end)) {
             answered.push_back(std::move(*w));
             w = file.waiting.erase(w);
         } else {
@@ -363,6 +406,8 @@ void RangeReads::failAll(int error)
     m_queue.clear();
     m_outstanding.clear();
     m_abandoned.clear();
+    m_keptAside.clear();
+    m_held = false;
     m_chunkCount = 0;
     m_stallCheck.stop();
     m_closedCheck.stop();

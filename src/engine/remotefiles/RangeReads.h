@@ -56,7 +56,8 @@ public:
 
     // Answers now (and returns 0) when the cache holds the bytes; else later, and returns
     // the read's id, by which it can be cancelled.
-    std::uint64_t read(const FileRef &file, std::uint64_t offset, std::size_t size, Reply reply);
+    // fetch false: only what the cache holds whole is answered, anything else fails.
+    std::uint64_t read(const FileRef &file, std::uint64_t offset, std::size_t size, Reply reply, bool fetch = true);
     void cancel(std::uint64_t readId, int error);
     // The file's last handle is closed: reads waiting fail, and its cache goes after a while.
     void forget(std::uint64_t key);
@@ -64,6 +65,11 @@ public:
     void failAll(int error);
     // False if the reply is no file read's.
     bool handleReply(const FileSDK::CliprdrFileContentsResponse &reply);
+    // Held, nothing is asked for and replies are kept aside, until it is known which files
+    // are still the remote side's; those that are not fail for good, what they hold whole
+    // stays readable.
+    void setHeld(bool held);
+    void failChanged(const std::function<bool(std::uint64_t key)> &changed);
 
     void setStallTimeout(int ms);
     void setKeepClosed(int ms) { m_keepClosedMs = ms; }
@@ -105,6 +111,7 @@ private:
         std::uint64_t offset = 0;
         std::uint32_t length = 0;
         bool retrying = false;
+        bool keptAside = false;
     };
 
     std::uint64_t chunkLength(const File &file, std::uint64_t chunk) const;
@@ -121,6 +128,8 @@ private:
     void abandon(std::uint64_t key);
     void dropChunk(File &file, std::map<std::uint64_t, Chunk>::iterator chunk);
     void checkStalls();
+    void retryLater(std::uint32_t streamId);
+    bool whole(const File &file, std::uint64_t offset, std::uint64_t end) const;
     void dropClosed();
     std::uint32_t nextStreamId();
 
@@ -135,6 +144,8 @@ private:
     std::map<std::uint32_t, Query> m_outstanding;
     std::set<std::uint32_t> m_abandoned; // their replies may still come; they are dropped
     std::size_t m_chunkCount = 0;
+    bool m_held = false;
+    std::vector<FileSDK::CliprdrFileContentsResponse> m_keptAside;
     std::uint64_t m_readCounter = 0;
     std::uint32_t m_streamCounter = 0;
 };

@@ -216,8 +216,47 @@ std::uint64_t RemoteFiles::read(std::uint64_t handle, std::uint64_t offset, std:
     }
     copy->second.lastUse.start();
     const RemoteTree::Node &node = copy->second.tree->node(found->second.node);
-    return m_reads.read(RangeReads::FileRef{inodeOf(copy->first, found->second.node), node.listIndex, node.size, node.name},
-                        offset, size, std::move(reply));
+    const std::uint64_t inode = inodeOf(copy->first, found->second.node);
+    return m_reads.read(RangeReads::FileRef{inode, node.listIndex, node.size, node.name}, offset, size, std::move(reply),
+                        !isChanged(inode));
+}
+
+bool RemoteFiles::isChanged(std::uint64_t inode) const
+{
+    const auto copy = m_copies.find(inode >> 32);
+    if (copy == m_copies.end() || copy->second.allChanged)
+        return true;
+    const std::vector<bool> &changed = copy->second.changed;
+    const std::uint32_t node = std::uint32_t(inode);
+    if (changed.empty() || node >= copy->second.tree->size())
+        return false;
+    return changed[copy->second.tree->node(node).listIndex];
+}
+
+void RemoteFiles::compareWith(const DescriptorList *newer)
+{
+    for (auto &[serial, copy] : m_copies) {
+        if (copy.allChanged)
+            continue;
+        const DescriptorList &list = copy.tree->list();
+        std::size_t differing = 0;
+        copy.allChanged = !newer;
+        for (std::size_t entry = 0; newer && entry < list.size(); ++entry) {
+            if ((!copy.changed.empty() && copy.changed[entry]) || list.sameEntry(entry, *newer))
+                continue;
+            if (copy.changed.empty())
+                copy.changed.resize(list.size());
+            copy.changed[entry] = true;
+            ++differing;
+        }
+        if (copy.allChanged)
+            qCInfo(lcEngine).noquote().nospace() << "the remote side's newer file list could not be had: files of remote copy "
+                                                 << serial << " are read no further than what came of them";
+        else if (differing)
+            qCInfo(lcEngine).noquote().nospace() << "the remote side copied something else: " << differing << " entries of remote copy "
+                                                 << serial << " are no longer its own and are read no further than what came of them";
+    }
+    m_reads.failChanged([this](std::uint64_t inode) { return isChanged(inode); });
 }
 
 void RemoteFiles::release(std::uint64_t handle)

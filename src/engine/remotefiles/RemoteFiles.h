@@ -60,6 +60,11 @@ public:
     void retireCopy();
     void connectionLost();
     bool handleReply(const FileSDK::CliprdrFileContentsResponse &reply) { return m_reads.handleReply(reply); }
+    // A newer remote copy was announced: nothing is fetched until its list is compared.
+    void setHeld(bool held) { m_reads.setHeld(held); }
+    // The files of every copy not the same in the newer list (all, without one) are read no
+    // further: what the cache holds of them whole stays readable, the rest fails with EIO.
+    void compareWith(const DescriptorList *newer);
 
     // The file system's side; errors are errno values.
     std::optional<Attributes> lookup(std::uint64_t parent, const QByteArray &name) const;
@@ -92,6 +97,8 @@ private:
         bool current = true;
         mutable bool used = false; // the file system has looked at it: it lingers longer when retired
         QElapsedTimer lastUse;
+        std::vector<bool> changed; // by list entry, once a newer copy differs there
+        bool allChanged = false;
     };
     struct Handle
     {
@@ -100,6 +107,7 @@ private:
     };
 
     static std::uint64_t inodeOf(std::uint64_t copy, std::uint32_t node) { return (copy << 32) | node; }
+    bool isChanged(std::uint64_t inode) const;
     const Copy *copyOf(std::uint64_t inode) const;
     Attributes attributesOf(std::uint64_t copy, std::uint32_t node) const;
     void buildLater(std::uint64_t serial);

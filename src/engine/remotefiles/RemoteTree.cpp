@@ -30,10 +30,7 @@ bool RemoteTree::build(int sliceMs)
         else
             m_leftOut(m_read, {}, "it does not decode");
     }
-    if (!m_built) {
-        m_list.clear();
-        m_built = true;
-    }
+    m_built = true;
     return true;
 }
 

@@ -50,6 +50,8 @@ public:
     std::size_t size() const { return m_nodes.size(); }
     std::optional<std::uint32_t> child(std::uint32_t folder, const QByteArray &name) const;
     std::uint64_t bytes() const { return m_bytes; }
+    // The list it was laid out from, kept to tell a newer copy's same files from the rest.
+    const DescriptorList &list() const { return m_list; }
     std::size_t files() const { return m_files; }
 
 private:
