@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 namespace {
@@ -89,6 +90,7 @@ private slots:
     void listNeverSent();
     void mountedCopy();
     void dropAndNewerCopy();
+    void ownFilesReachedOtherwise();
 
 private:
     bool canMount();
@@ -550,6 +552,46 @@ void TestRemoteFiles::dropAndNewerCopy()
     qInfo("the reader ended %lld ms after the connection was lost", clock.elapsed());
     QTRY_COMPARE(m.h.pasteboard.withdrawals, 1);
     QCOMPARE(run(m, QString("ls '%1'").arg(m.mount.path())), QByteArray());
+}
+
+// Our own files reached by other paths: a link, "/./", a bind mount inside a copied folder.
+// They are left out of a local copy, the event loop never waits on them (another process's
+// stat of the mount is answered meanwhile), and a paste into them is refused.
+void TestRemoteFiles::ownFilesReachedOtherwise()
+{
+    if (!canMount())
+        QSKIP("/dev/fuse cannot be opened here: the mounted file system is not tested");
+    Mounted m;
+    QVERIFY(m.start());
+    QVERIFY(m.copy({descriptor("a.txt", 3)}));
+    const QString mount = m.mount.path(), dotted = QFileInfo(mount).path() + "/./" + QFileInfo(mount).fileName() + "/1";
+    QTemporaryDir local;
+    QVERIFY(QFile::link(mount + "/1/a.txt", local.filePath("link")) && writeFile(local.filePath("mine.txt"), "mine"));
+    QVERIFY(QDir().mkdir(local.filePath("bound")));
+    const QByteArray bound = QFile::encodeName(local.filePath("bound"));
+    if (::mount(QFile::encodeName(mount).constData(), bound.constData(), nullptr, MS_BIND, nullptr) != 0)
+        qInfo("no bind mount without root: that path is not tried");
+    const auto unbind = qScopeGuard([&] { ::umount2(bound.constData(), MNT_DETACH); });
+    m.h.engine->copiedFiles({QUrl::fromLocalFile(local.filePath("link")), QUrl::fromLocalFile(dotted + "/a.txt"),
+                             QUrl::fromLocalFile(local.path())});
+    QVERIFY(m.h.next<FileSDK::CliprdrFormatList>(FrameType::formatList));
+    QProcess looker;
+    looker.start("stat", {mount + "/1/a.txt"});
+    m.h.send(hex("0a 00 10 c2 81 03 03")); // the remote side asks for the list: the copy is walked
+    const auto list = m.h.next<FileSDK::MacCliprdrFormatDataResponse>(FrameType::formatDataResponse, 15000);
+    QTRY_VERIFY(looker.state() == QProcess::NotRunning);
+    QVERIFY(list && looker.exitCode() == 0);
+    QStringList names;
+    for (const auto &d : list->filedes())
+        names.append(QString::fromStdString(d.cfilename()).section("//", 1));
+    QCOMPARE(names, (QStringList{"", "mine.txt"}));
+
+    m.h.chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dotted)};
+    m.h.paste();
+    QVERIFY(m.h.next<FileSDK::CliprdrFormatDataRequest>(FrameType::formatDataRequest));
+    m.h.offer({descriptor("b.txt", 3)});
+    QTRY_VERIFY(m.h.lastEnd(false, PastedError::saveError));
+    QVERIFY(m.h.engine->lastPasteReport().why == PasteReport::Why::insideRemoteFiles && !m.h.nextQuery(0));
 }
 
 QTEST_GUILESS_MAIN(TestRemoteFiles)

@@ -82,6 +82,10 @@
         <translation>接收 %1 时，远程桌面上复制了其他内容；为避免混入两份复制的文件，粘贴已停止。</translation>
     </message>
     <message>
+        <source>%1 shows the files of the remote desktop themselves, and nothing can be pasted there. Choose another folder.</source>
+        <translation>%1 显示的是远程桌面上的文件本身，无法粘贴到那里。请选择其他文件夹。</translation>
+    </message>
+    <message>
         <source>The remote desktop stopped answering for a minute while %1 was being received.</source>
         <translation>接收 %1 时，远程桌面已有一分钟没有响应。</translation>
     </message>

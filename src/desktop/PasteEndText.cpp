@@ -55,6 +55,9 @@ QString PasteEndText::reason(const PasteReport &r)
                                      "nothing was pasted. Paste again to get what is copied now.")
                                 : tr("Something else was copied on the remote desktop while %1 was being received, so "
                                      "the paste stopped rather than mix the two copies.").arg(file);
+    case Why::insideRemoteFiles:
+        return tr("%1 shows the files of the remote desktop themselves, and nothing can be pasted there. Choose "
+                  "another folder.").arg(quoted(QDir(r.file).dirName()));
     case Why::tooManyFiles:
         return tr("The remote copy has more than 1,000,000 files: it is too large to paste.");
     }

@@ -5,6 +5,7 @@
 #include "FrameSink.h"
 #include "KXFileManager.h"
 #include "FilesSize.h"
+#include "LogText.h"
 #include "Messages.h"
 #include "PasteboardAccess.h"
 #include "SendFrame.h"
@@ -141,13 +142,24 @@ void ClipBoardManager::setPasteStatus(PasteStatus status)
         endPendingPaste(PastedError::cancelDownload, PasteReport::Why::stopped);
 }
 
+// The remote files served back as files are never offered to the remote side, however
+// their paths are written: reading them would wait on ourselves.
 void ClipBoardManager::copiedFiles(const QList<QUrl> &urls)
 {
-    if (m_files && std::any_of(urls.begin(), urls.end(), [this](const QUrl &url) { return m_files->isUnderMount(url); })) {
+    QList<QUrl> offered;
+    for (const QUrl &url : urls) {
+        if (!m_files || !m_files->isUnderMount(url))
+            offered.append(url);
+        else
+            qCInfo(lcEngine).noquote().nospace() << "Skipping " << kx::escapedName(url.toLocalFile())
+                                                 << ": one of the remote files themselves";
+    }
+    if (offered.isEmpty() && !urls.isEmpty()) {
         qCInfo(lcEngine).noquote() << "a local copy of the remote files themselves is not offered back";
         return;
     }
-    m_copy.copiedFiles(urls);
+    m_copy.setMountDevice(m_files ? m_files->mountDevice() : 0);
+    m_copy.copiedFiles(offered);
 }
 
 void ClipBoardManager::handleDataRequest(const QByteArray &payload)
@@ -310,6 +322,10 @@ void ClipBoardManager::folderChosen(const QUrl &url)
         qCInfo(lcEngine).noquote() << "paste ended while the folder was being chosen; nothing is downloaded";
         return;
     }
+    if (m_files && m_files->isUnderMount(url)) {
+        qCInfo(lcEngine).noquote() << "the chosen folder holds the remote files themselves; nothing is pasted there";
+        return endPendingPaste(PastedError::saveError, PasteReport::Why::insideRemoteFiles, url.toLocalFile());
+    }
     if (m_pending->changed) {
         qCInfo(lcEngine).noquote() << "the remote side copied something else while the folder was being chosen; "
                                       "nothing is downloaded";
@@ -411,12 +427,12 @@ bool ClipBoardManager::pasteRunning() const
     return m_paste && m_paste->running();
 }
 
-void ClipBoardManager::endPendingPaste(PastedError error, PasteReport::Why why)
+void ClipBoardManager::endPendingPaste(PastedError error, PasteReport::Why why, const QString &folder)
 {
     if (!m_pending)
         return;
     m_lastReport = PasteReport();
-    m_lastReport.why = why;
+    m_lastReport.why = why, m_lastReport.file = folder;
     const CompletionCallback completion = std::move(m_pending->completion);
     m_pending.reset();
     m_pasteStatus = pasteRunning() ? PasteStatus::downloading : PasteStatus::complete;

@@ -134,7 +134,7 @@ private:
     bool pasteRunning() const;
     // Ends the paste that waits for its list, or the download that runs, with its own
     // callbacks.
-    void endPendingPaste(PastedError error, PasteReport::Why why);
+    void endPendingPaste(PastedError error, PasteReport::Why why, const QString &folder = {});
     void endRunningPaste(PastedError error, PasteReport::Why why);
     void listTimedOut();
     // A download has ended, whichever way.

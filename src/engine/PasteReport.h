@@ -22,7 +22,8 @@ struct PasteReport
         cannotWrite,    // any other local failure; detail says it
         unreadable,     // the remote side sent what could not be read
         tooManyFiles,
-        remoteCopyChanged // the remote side copied other files meanwhile
+        remoteCopyChanged, // the remote side copied other files meanwhile
+        insideRemoteFiles  // the folder chosen is one of the remote files served back; file names it
     };
 
     Why why = Why::none;

@@ -12,6 +12,8 @@
 
 #include <utility>
 
+#include <sys/stat.h>
+
 namespace {
 
 QString joinPath(const QString &folder, const QString &name)
@@ -48,7 +50,7 @@ bool CopyOffer::describe()
         const bool link = copied.isSymLink();
         m_rootPath = link ? copied.canonicalFilePath() : url.toLocalFile();
         const QFileInfo item(m_rootPath);
-        if (m_rootPath.isEmpty() || !item.exists() || isSpecial(item, m_rootPath))
+        if (m_rootPath.isEmpty() || !item.exists() || isSpecial(item, m_rootPath) || isInMount(m_rootPath))
             continue;
         ++m_uploadQueueNum;
         const QUrl local = link ? QUrl::fromLocalFile(m_rootPath) : url;
@@ -82,6 +84,15 @@ std::optional<QStringList> CopyOffer::listFolder(const QString &path)
         return std::nullopt;
     }
     return folder.entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
+}
+
+bool CopyOffer::isInMount(const QString &path) const
+{
+    struct stat st {};
+    if (!m_mountDevice || ::stat(QFile::encodeName(path).constData(), &st) != 0 || std::uint64_t(st.st_dev) != m_mountDevice)
+        return false;
+    qCInfo(lcEngine).noquote().nospace() << "Skipping " << path << ": one of the remote files themselves";
+    return true;
 }
 
 QString CopyOffer::relativePath(const QString &from, const QString &to)
@@ -177,7 +188,7 @@ void CopyOffer::appendDirectoryDescriptors(const QString &path)
             qCInfo(lcEngine).noquote().nospace() << "Skipping " << full << ": a symbolic link, not followed";
             continue;
         }
-        if (isSpecial(info, full))
+        if (isSpecial(info, full) || isInMount(full))
             continue;
         ++m_uploadQueueNum;
         if (!info.exists())

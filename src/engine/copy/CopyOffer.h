@@ -24,6 +24,9 @@ public:
     // the queries of the remote side that still refer to it.
     void setFileList(const QList<QUrl> &urls) { m_fileList = urls, m_walkDue = true; }
     const QList<QUrl> &fileList() const { return m_fileList; }
+    // Whatever lies on this device (the remote files, served back) is left out: reading it
+    // would wait on ourselves.
+    void setMountDevice(std::uint64_t device) { m_mountDevice = device; }
 
     // Walks the copied items if this copy was not walked yet; true when it did.
     bool describe();
@@ -44,6 +47,7 @@ private:
     std::optional<QStringList> listFolder(const QString &path);
     FileSDK::FileDescriptorw makeDescriptor(const QString &path, bool folder, bool topLevel = false); // topLevel: a folder the user copied
     QString remoteName(const QString &itemPath) const;
+    bool isInMount(const QString &path) const;
 
     KXFileManager &m_files;
     QList<QUrl> m_fileList;
@@ -53,4 +57,5 @@ private:
     std::optional<QUrl> m_rootDirectory; // as copied: it names the item on the remote side
     QString m_rootPath;                  // where it is: a copied link, resolved
     bool m_walkDue = false;
+    std::uint64_t m_mountDevice = 0;
 };

@@ -28,6 +28,8 @@ public:
     CopyServer(FrameSink &connection, KXFileManager &files);
 
     void copiedFiles(const QList<QUrl> &urls);
+    // Files on this device are the remote copies served back as files: never offered.
+    void setMountDevice(std::uint64_t device) { m_offer.setMountDevice(device); }
     void handleDataRequest(const QByteArray &payload);
     void handleContentRequest(const QByteArray &payload);
     // The connection took some of what was queued: serve what waits, while there is room.

@@ -5,9 +5,12 @@
 
 #include <QDir>
 #include <QFile>
+#include <QThread>
 
 #include <algorithm>
 #include <cerrno>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -31,18 +34,27 @@ RemoteFiles::RemoteFiles(int window, RangeReads::Send send, QObject *parent)
     connect(&m_collect, &QTimer::timeout, this, &RemoteFiles::collect);
 }
 
-// The reads' own end answers every read still waiting, before the file system hears of it.
-RemoteFiles::~RemoteFiles() = default;
+// The reads' own end answers every read still waiting, after the file system has stopped.
+RemoteFiles::~RemoteFiles()
+{
+    emit closing();
+}
 
 bool RemoteFiles::isUnderMount(const QUrl &url) const
 {
-    return !m_mountPath.isEmpty() && url.isLocalFile()
-        && (url.toLocalFile() + QLatin1Char('/')).startsWith(m_mountPath + QLatin1Char('/'));
+    if (m_mountPath.isEmpty() || !url.isLocalFile())
+        return false;
+    const QString path = url.toLocalFile();
+    if ((path + QLatin1Char('/')).startsWith(m_mountPath + QLatin1Char('/')))
+        return true;
+    struct stat st {};
+    return m_mountDevice && ::stat(QFile::encodeName(path).constData(), &st) == 0 && std::uint64_t(st.st_dev) == m_mountDevice;
 }
 
 void RemoteFiles::addCopy(DescriptorList list)
 {
     retireCopy();
+    const std::lock_guard lock(m_lock);
     const std::uint64_t serial = ++m_serial;
     m_leftOutLogged = 0;
     auto leftOut = [this, serial](std::size_t entry, const QString &name, const char *why) {
@@ -59,6 +71,7 @@ void RemoteFiles::addCopy(DescriptorList list)
 // Laid out in slices; a newer copy or a lost connection may come meanwhile.
 void RemoteFiles::buildLater(std::uint64_t serial)
 {
+    std::unique_lock lock(m_lock);
     const auto copy = m_copies.find(serial);
     if (copy == m_copies.end() || !copy->second.current)
         return;
@@ -83,12 +96,14 @@ void RemoteFiles::buildLater(std::uint64_t serial)
         for (const std::uint32_t node : top)
             urls.append(QUrl::fromLocalFile(folder + QLatin1Char('/') + QFile::decodeName(tree.node(node).name)));
     }
+    lock.unlock();
     if (!top.empty())
         emit copyReady(urls);
 }
 
 void RemoteFiles::retireCopy()
 {
+    const std::lock_guard lock(m_lock);
     for (auto &[serial, copy] : m_copies) {
         if (copy.current) {
             copy.current = false;
@@ -104,6 +119,7 @@ void RemoteFiles::retireCopy()
 // at a few seconds; never more than a few at once, however fast newer copies come.
 void RemoteFiles::collect()
 {
+    const std::lock_guard lock(m_lock);
     std::size_t lingering = std::count_if(m_copies.begin(), m_copies.end(), [](const auto &c) { return !c.second.current; });
     for (auto copy = m_copies.begin(); copy != m_copies.end();) {
         const Copy &c = copy->second;
@@ -123,9 +139,11 @@ void RemoteFiles::collect()
 void RemoteFiles::connectionLost()
 {
     m_reads.failAll(EIO);
+    std::unique_lock lock(m_lock);
     const bool had = !m_copies.empty();
     m_copies.clear();
     m_handles.clear();
+    lock.unlock();
     m_collect.stop();
     if (had)
         emit copiesGone();
@@ -148,6 +166,7 @@ RemoteFiles::Attributes RemoteFiles::attributesOf(std::uint64_t copy, std::uint3
 
 std::optional<RemoteFiles::Attributes> RemoteFiles::lookup(std::uint64_t parent, const QByteArray &name) const
 {
+    const std::lock_guard lock(m_lock);
     if (parent == rootInode) {
         bool ok = false;
         const std::uint64_t serial = name.toULongLong(&ok);
@@ -166,6 +185,7 @@ std::optional<RemoteFiles::Attributes> RemoteFiles::lookup(std::uint64_t parent,
 
 std::optional<RemoteFiles::Attributes> RemoteFiles::attributes(std::uint64_t inode) const
 {
+    const std::lock_guard lock(m_lock);
     if (inode == rootInode)
         return Attributes{rootInode, true, 0, now()};
     if (!copyOf(inode))
@@ -175,6 +195,7 @@ std::optional<RemoteFiles::Attributes> RemoteFiles::attributes(std::uint64_t ino
 
 int RemoteFiles::list(std::uint64_t inode, std::vector<Entry> &entries) const
 {
+    const std::lock_guard lock(m_lock);
     if (inode == rootInode) {
         for (const auto &[serial, copy] : m_copies)
             if (copy.tree->built())
@@ -194,6 +215,7 @@ int RemoteFiles::list(std::uint64_t inode, std::vector<Entry> &entries) const
 
 int RemoteFiles::open(std::uint64_t inode, std::uint64_t &handle)
 {
+    const std::lock_guard lock(m_lock);
     if (!copyOf(inode))
         return ENOENT;
     Copy &copy = m_copies.at(inode >> 32);
@@ -208,17 +230,21 @@ int RemoteFiles::open(std::uint64_t inode, std::uint64_t &handle)
 
 std::uint64_t RemoteFiles::read(std::uint64_t handle, std::uint64_t offset, std::size_t size, RangeReads::Reply reply)
 {
+    std::unique_lock lock(m_lock);
     const auto found = m_handles.find(handle);
     const auto copy = found == m_handles.end() ? m_copies.end() : m_copies.find(found->second.copy);
     if (copy == m_copies.end()) { // its copy went with the connection
+        lock.unlock();
         reply(EIO, {});
         return 0;
     }
     copy->second.lastUse.start();
     const RemoteTree::Node &node = copy->second.tree->node(found->second.node);
     const std::uint64_t inode = inodeOf(copy->first, found->second.node);
-    return m_reads.read(RangeReads::FileRef{inode, node.listIndex, node.size, node.name}, offset, size, std::move(reply),
-                        !isChanged(inode));
+    const RangeReads::FileRef file{inode, node.listIndex, node.size, node.name};
+    const bool fetch = !isChanged(inode);
+    lock.unlock(); // the reply may be given at once
+    return m_reads.read(file, offset, size, std::move(reply), fetch);
 }
 
 bool RemoteFiles::isChanged(std::uint64_t inode) const
@@ -235,6 +261,7 @@ bool RemoteFiles::isChanged(std::uint64_t inode) const
 
 void RemoteFiles::compareWith(const DescriptorList *newer)
 {
+    std::unique_lock lock(m_lock);
     for (auto &[serial, copy] : m_copies) {
         if (copy.allChanged)
             continue;
@@ -256,11 +283,14 @@ void RemoteFiles::compareWith(const DescriptorList *newer)
             qCInfo(lcEngine).noquote().nospace() << "the remote side copied something else: " << differing << " entries of remote copy "
                                                  << serial << " are no longer its own and are read no further than what came of them";
     }
+    lock.unlock();
     m_reads.failChanged([this](std::uint64_t inode) { return isChanged(inode); });
 }
 
+// The cache is the event loop's: told there that the file's last handle is closed.
 void RemoteFiles::release(std::uint64_t handle)
 {
+    const std::lock_guard lock(m_lock);
     const auto found = m_handles.find(handle);
     if (found == m_handles.end())
         return;
@@ -275,5 +305,10 @@ void RemoteFiles::release(std::uint64_t handle)
     if (std::none_of(m_handles.begin(), m_handles.end(), [&](const auto &other) {
             return inodeOf(other.second.copy, other.second.node) == inode;
         }))
-        m_reads.forget(inode);
+    {
+        if (QThread::currentThread() == thread())
+            m_reads.forget(inode);
+        else
+            QMetaObject::invokeMethod(this, [this, inode] { m_reads.forget(inode); }, Qt::QueuedConnection);
+    }
 }

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 // The remote copies as a read-only file system, whatever serves it to the desktop: a
@@ -21,6 +22,11 @@
 // A newer copy gets a new folder. An older one stays readable while files of it are open,
 // and for a while after its last read; then it goes. A lost connection takes every copy
 // at once.
+//
+// The file system's questions that need no remote bytes (lookup, attributes, list, open,
+// release) may be asked from a thread of its own: a process of this user's, this one
+// included, that looks at the files never waits for the event loop. Everything else, reads
+// included, runs on the thread the object lives on.
 class RemoteFiles : public QObject
 {
     Q_OBJECT
@@ -49,9 +55,13 @@ public:
     RemoteFiles(int window, RangeReads::Send send, QObject *parent = nullptr);
     ~RemoteFiles() override;
 
-    // Where the desktop sees the root; the copies' URLs are made from it.
-    void setMountPath(const QString &path) { m_mountPath = path; }
+    // Where the desktop sees the root, and the device its files are on; the copies' URLs
+    // are made from the path.
+    void setMountPath(const QString &path, std::uint64_t device = 0) { m_mountPath = path, m_mountDevice = device; }
     const QString &mountPath() const { return m_mountPath; }
+    std::uint64_t mountDevice() const { return m_mountDevice; }
+    // Whether the file is one of these, however its path reaches it (a link, "/./", a bind
+    // mount): such a file is never read by this thread, which would wait on itself.
     bool isUnderMount(const QUrl &url) const;
 
     // The engine's side.
@@ -88,6 +98,8 @@ signals:
     void copyReady(const QList<QUrl> &topLevel);
     // The copies are gone: whatever the clipboard offers of them must go too.
     void copiesGone();
+    // Told first thing when this object goes: no other thread may ask it anything after.
+    void closing();
 
 private:
     struct Copy
@@ -114,7 +126,11 @@ private:
     void collect();
 
     RangeReads m_reads;
+    // Held by the file system's thread while it answers, and by this one while it changes
+    // what that thread reads; never while waiting on anything else.
+    mutable std::recursive_mutex m_lock;
     QString m_mountPath;
+    std::uint64_t m_mountDevice = 0;
     std::map<std::uint64_t, Copy> m_copies; // by serial, from 1
     std::uint64_t m_serial = 0;
     std::map<std::uint64_t, Handle> m_handles;

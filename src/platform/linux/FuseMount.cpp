@@ -10,18 +10,22 @@
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
-#include <QTimer>
+#include <QSocketNotifier>
 
 #include <cerrno>
 #include <csignal>
 #include <limits>
 #include <cstring>
+#include <string>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -50,24 +54,46 @@ struct stat statOf(const RemoteFiles::Attributes &a)
 constexpr double cacheSeconds = 1.0;
 
 // SIGTERM, SIGINT and SIGHUP end the event loop, so that the mount is undone on the way
-// out rather than left behind.
+// out rather than left behind. Should the loop not end within seconds, whatever holds it,
+// a guard thread undoes the mount and ends the process: asked to end, it always ends.
 int quitPipe[2] = {-1, -1};
+int guardPipe[2] = {-1, -1};
+constexpr int quitGraceMs = 10000;
 
 void quitOnSignal(int)
 {
     const char byte = 0;
     [[maybe_unused]] const ssize_t written = ::write(quitPipe[1], &byte, 1);
+    [[maybe_unused]] const ssize_t guarded = ::write(guardPipe[1], &byte, 1);
 }
 
-void installQuitSignals(QObject *owner)
+void guardQuit(std::string path)
 {
-    if (quitPipe[0] >= 0 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, quitPipe) != 0)
+    char byte = 0;
+    while (::read(guardPipe[0], &byte, 1) < 0 && errno == EINTR) {
+    }
+    ::poll(nullptr, 0, quitGraceMs);
+    if (const pid_t child = ::fork(); child == 0) {
+        ::execlp("fusermount3", "fusermount3", "-u", "-z", path.c_str(), static_cast<char *>(nullptr));
+        ::_exit(127);
+    } else if (child > 0) {
+        ::waitpid(child, nullptr, 0);
+    }
+    ::umount2(path.c_str(), MNT_DETACH); // as root, without the helper
+    ::_exit(1);
+}
+
+void installQuitSignals(QObject *owner, const QString &mountPath)
+{
+    if (quitPipe[0] >= 0 || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, quitPipe) != 0
+        || ::pipe2(guardPipe, O_CLOEXEC) != 0)
         return;
     auto *notifier = new QSocketNotifier(quitPipe[0], QSocketNotifier::Read, owner);
     QObject::connect(notifier, &QSocketNotifier::activated, owner, [] {
         qCInfo(lcPlatform).noquote() << "asked to end: the remote files' mount is undone first";
         QCoreApplication::quit();
     });
+    std::thread(guardQuit, QFile::encodeName(mountPath).toStdString()).detach();
     struct sigaction action {};
     action.sa_handler = quitOnSignal;
     action.sa_flags = SA_RESTART;
@@ -174,37 +200,35 @@ struct FuseMount::Ops
             mountOf(req)->m_files->release(handle); // the opener is gone already
     }
 
+    // The bytes come through the event loop; a reader that gives up is answered at once.
     static void read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info *fi)
     {
         FuseMount *self = mountOf(req);
-        const std::uint64_t id = self->m_files->read(fi->fh, std::uint64_t(std::max<off_t>(offset, 0)), size,
-                                                     [self, req](int error, const RangeReads::Pieces &data) {
-                                                         self->m_reads.erase(req);
-                                                         if (error)
-                                                             return void(fuse_reply_err(req, error));
-                                                         std::vector<iovec> iov;
-                                                         for (const QByteArrayView piece : data)
-                                                             iov.push_back({const_cast<char *>(piece.data()), std::size_t(piece.size())});
-                                                         fuse_reply_iov(req, iov.data(), int(iov.size()));
-                                                     });
-        if (id) { // it waits for its ranges; a reader that gives up is answered at once
-            self->m_reads[req] = id;
-            fuse_req_interrupt_func(req, interrupted, self);
+        {
+            const std::lock_guard lock(self->m_readsLock);
+            self->m_reads[req] = PendingRead();
         }
+        fuse_req_interrupt_func(req, interrupted, self);
+        QMetaObject::invokeMethod(self, [self, req, handle = fi->fh, at = std::uint64_t(std::max<off_t>(offset, 0)), size] {
+            self->startRead(req, handle, at, size);
+        }, Qt::QueuedConnection);
     }
 
-    // Answered on the next turn, not here: libfuse may call this while it holds the
+    // Answered by the event loop, not here: libfuse may call this while it holds the
     // request, which an answer would free under it.
     static void interrupted(fuse_req_t req, void *data)
     {
         auto *self = static_cast<FuseMount *>(data);
+        const std::lock_guard lock(self->m_readsLock);
         const auto found = self->m_reads.find(req);
         if (found == self->m_reads.end())
             return;
-        QTimer::singleShot(0, self, [self, id = found->second] {
-            if (self->m_files)
-                self->m_files->cancelRead(id, EINTR);
-        });
+        found->second.interrupted = true;
+        if (const std::uint64_t id = found->second.id)
+            QMetaObject::invokeMethod(self, [self, id] {
+                if (self->m_files)
+                    self->m_files->cancelRead(id, EINTR);
+            }, Qt::QueuedConnection);
     }
 
     static void release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi)
@@ -217,6 +241,40 @@ struct FuseMount::Ops
 FuseMount::FuseMount(QObject *parent)
     : QObject(parent)
 {
+}
+
+// On the event loop. A read still waiting when the mount stops was answered by the stop.
+void FuseMount::startRead(fuse_req *req, std::uint64_t handle, std::uint64_t offset, std::size_t size)
+{
+    {
+        const std::lock_guard lock(m_readsLock);
+        if (!m_files || !m_reads.count(req))
+            return;
+    }
+    const std::uint64_t id = m_files->read(handle, offset, size, [this, req](int error, const RangeReads::Pieces &data) {
+        {
+            const std::lock_guard lock(m_readsLock);
+            if (!m_reads.erase(req))
+                return;
+        }
+        if (error)
+            return void(fuse_reply_err(req, error));
+        std::vector<iovec> iov;
+        for (const QByteArrayView piece : data)
+            iov.push_back({const_cast<char *>(piece.data()), std::size_t(piece.size())});
+        fuse_reply_iov(req, iov.data(), int(iov.size()));
+    });
+    if (!id)
+        return;
+    std::unique_lock lock(m_readsLock);
+    const auto found = m_reads.find(req);
+    if (found == m_reads.end())
+        return;
+    found->second.id = id;
+    if (found->second.interrupted) {
+        lock.unlock();
+        m_files->cancelRead(id, EINTR);
+    }
 }
 
 FuseMount::~FuseMount()
@@ -305,50 +363,70 @@ bool FuseMount::serve(RemoteFiles &files, QString &whyNot)
     }
     const int fd = fuse_session_fd(m_session);
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
-    m_notifier = std::make_unique<QSocketNotifier>(fd, QSocketNotifier::Read);
-    connect(m_notifier.get(), &QSocketNotifier::activated, this, &FuseMount::receive);
+    m_wake = ::eventfd(0, EFD_CLOEXEC);
     m_files = &files;
-    files.setMountPath(m_path);
-    connect(&files, &QObject::destroyed, this, &FuseMount::stop);
-    installQuitSignals(this);
+    connect(&files, &RemoteFiles::closing, this, &FuseMount::stop, Qt::DirectConnection);
+    m_thread = std::thread([this] { receive(); });
+    // Asked of the mount's thread, which answers it: the device tells our files however
+    // their path is written.
+    struct stat root {};
+    files.setMountPath(m_path, ::stat(QFile::encodeName(m_path).constData(), &root) == 0 ? std::uint64_t(root.st_dev) : 0);
+    installQuitSignals(this, m_path);
     qCInfo(lcPlatform).noquote() << "the remote files are served at" << m_path;
     return true;
 }
 
-// Requests are taken until none waits, a bounded number a turn, so that a reader in a
-// loop cannot hold up the rest of the companion.
+// The mount's thread: requests are taken as they come until the mount stops, or is
+// undone from outside, which the event loop is then told.
 void FuseMount::receive()
 {
-    for (int taken = 0; m_session && taken < 64; ++taken) {
+    pollfd watched[] = {{fuse_session_fd(m_session), POLLIN, 0}, {m_wake, POLLIN, 0}};
+    for (;;) {
+        if (::poll(watched, 2, -1) < 0 && errno != EINTR)
+            break;
+        if (watched[1].revents)
+            return;
         fuse_buf buffer{};
         buffer.mem = m_buffer;
         const int received = fuse_session_receive_buf(m_session, &buffer);
         m_buffer = buffer.mem;
         if (received == -EAGAIN || received == -EINTR)
-            return;
-        if (received <= 0 || fuse_session_exited(m_session)) {
-            qCInfo(lcPlatform).noquote() << "the remote files' mount was undone from outside";
-            return stop();
-        }
+            continue;
+        if (received <= 0 || fuse_session_exited(m_session))
+            break;
         fuse_session_process_buf(m_session, &buffer);
     }
+    QMetaObject::invokeMethod(this, [this] {
+        qCInfo(lcPlatform).noquote() << "the remote files' mount was undone from outside";
+        stop();
+    }, Qt::QueuedConnection);
 }
 
 void FuseMount::stop()
 {
     if (!m_session)
         return;
-    if (m_files)
-        m_files->failAllReads(EIO); // no reader is left waiting on a mount that goes
-    m_notifier.reset();
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t woken = ::write(m_wake, &one, sizeof one);
+    m_thread.join();
+    ::close(std::exchange(m_wake, -1));
+    // No reader is left waiting on a mount that goes.
+    m_files->failAllReads(EIO);
+    std::map<fuse_req *, PendingRead> untaken;
+    {
+        const std::lock_guard lock(m_readsLock);
+        untaken.swap(m_reads);
+    }
+    for (const auto &[req, read] : untaken)
+        fuse_reply_err(req, EIO);
     fuse_session_unmount(m_session);
     fuse_session_destroy(m_session);
     m_session = nullptr;
     ::free(m_buffer);
     m_buffer = nullptr;
-    m_reads.clear();
     m_folders.clear();
-    if (m_files)
-        m_files->setMountPath({});
+    m_files->setMountPath({});
+    disconnect(m_files, nullptr, this, nullptr);
+    m_files = nullptr;
     qCInfo(lcPlatform).noquote() << "the remote files' mount is undone:" << m_path;
 }

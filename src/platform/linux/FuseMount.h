@@ -3,11 +3,11 @@
 #include "FileSystemHost.h"
 
 #include <QObject>
-#include <QPointer>
-#include <QSocketNotifier>
 
 #include <map>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "RemoteFiles.h"
@@ -15,10 +15,12 @@
 struct fuse_session;
 struct fuse_req;
 
-// The remote copies as a FUSE file system, read-only and seen by this user only, served
-// on the main loop: the session's descriptor is non-blocking and watched, requests are
-// taken until none waits, and a read is answered when its ranges have come. One mount a
-// run, at the same place every run, so that one a crash left behind is found and cleared.
+// The remote copies as a FUSE file system, read-only and seen by this user only. Requests
+// are taken by a thread of the mount's own, which answers at once whatever needs no remote
+// bytes (names, attributes, listings, opening and closing) from the copies' trees; reads
+// go to the event loop, and are answered when their ranges have come. So the companion
+// never waits on its own files: a stat of them from the event loop, through a link or any
+// other path, is answered meanwhile.
 class FuseMount : public QObject, public FileSystemHost
 {
 public:
@@ -35,15 +37,24 @@ public:
 
 private:
     struct Ops;
-    void receive();
+    struct PendingRead
+    {
+        std::uint64_t id = 0; // 0 until the event loop has taken it
+        bool interrupted = false;
+    };
+    void receive(); // on the mount's thread
+    void startRead(fuse_req *req, std::uint64_t handle, std::uint64_t offset, std::size_t size);
     void stop();
 
-    QPointer<RemoteFiles> m_files;
+    RemoteFiles *m_files = nullptr; // set while the mount's thread runs
     QString m_path;
     fuse_session *m_session = nullptr;
-    std::unique_ptr<QSocketNotifier> m_notifier;
-    void *m_buffer = nullptr;      // libfuse's request buffer, reused
-    std::map<fuse_req *, std::uint64_t> m_reads; // reads waiting for their ranges
-    std::map<std::uint64_t, std::vector<RemoteFiles::Entry>> m_folders; // listings of open folders
+    std::thread m_thread;
+    int m_wake = -1;               // tells the mount's thread to end
+    void *m_buffer = nullptr;      // libfuse's request buffer, reused by the mount's thread
+    std::mutex m_readsLock;
+    std::map<fuse_req *, PendingRead> m_reads; // reads not answered yet
+    // Listings of open folders: the mount's thread's alone.
+    std::map<std::uint64_t, std::vector<RemoteFiles::Entry>> m_folders;
     std::uint64_t m_folderCounter = 0;
 };
