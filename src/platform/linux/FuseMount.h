@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FileSystemHost.h"
+#include "MountSlot.h"
 
 #include <QObject>
 #include <QPointer>
@@ -18,7 +19,7 @@ struct fuse_req;
 // The remote copies as a FUSE file system, read-only and seen by this user only, served
 // on the main loop: the session's descriptor is non-blocking and watched, requests are
 // taken until none waits, and a read is answered when its ranges have come. One mount a
-// run, at the same place every run, so that one a crash left behind is found and cleared.
+// run, at a folder of its own beside those of the user's other companions (MountSlot).
 class FuseMount : public QObject, public FileSystemHost
 {
 public:
@@ -30,8 +31,6 @@ public:
 
     // $XDG_RUNTIME_DIR/kx-clipboard, else a private folder of this user's in /tmp.
     static QString place();
-    // Clears a mount a crashed run left at the path. No stat of it: that would hang.
-    static void clearStaleMount(const QString &path);
 
 private:
     struct Ops;
@@ -39,6 +38,7 @@ private:
     void stop();
 
     QPointer<RemoteFiles> m_files;
+    MountSlot m_slot; // its lock goes with this object, after the mount
     QString m_path;
     fuse_session *m_session = nullptr;
     std::unique_ptr<QSocketNotifier> m_notifier;
