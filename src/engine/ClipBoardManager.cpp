@@ -165,6 +165,8 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
     m_pasteStatus = PasteStatus::start;
     setFormList(kx::parseMessage<FileSDK::CliprdrFormatList>(payload));
     qCInfo(lcEngine).noquote() << "windwos 按下 ctrol+ c handleFormListRespose";
+    if (offersFiles(m_formList))
+        emit remoteFilesAnnounced();
     if (servesFiles()) {
         m_files->retireCopy();
         if (offersFiles(m_formList))
