@@ -10,6 +10,7 @@
 #include "TransferRate.h"
 #include "ViewController.h"
 
+#include "linux/AnnouncementFile.h"
 #include "linux/NotificationTrigger.h"
 #include "linux/DesktopSession.h"
 #include "qt/QtConflictAsker.h"
@@ -104,6 +105,8 @@ private slots:
     void keyChords();
     void pasteFiles_data();
     void pasteFiles();
+    void lastAnnounced_data();
+    void lastAnnounced();
     void hostAndPermission();
     void windowAndAlerts();
     void pasteThroughCtrlV();
@@ -369,6 +372,49 @@ void TestDesktop::pasteFiles()
     controller->watcher()->checkPasteboard();
     QCOMPARE(sink.sent.size(), served ? 1 : 2);
     QCOMPARE(log.contains("a local copy of the remote files themselves is not offered back"), served);
+}
+
+void TestDesktop::lastAnnounced_data()
+{
+    QTest::addColumn<QStringList>("moves"); // after this companion's remote copy
+    QTest::addColumn<bool>("acts");
+    QTest::newRow("alone") << QStringList{} << true;
+    QTest::newRow("another's copy came later") << QStringList{"other"} << false;
+    QTest::newRow("ours came later again") << QStringList{"other", "ours"} << true;
+    QTest::newRow("the record gone") << QStringList{"other", "gone"} << true;
+    QTest::newRow("the record unreadable") << QStringList{"other", "garbled"} << true;
+    QTest::newRow("the other has ended") << QStringList{"other", "ended"} << true;
+    QTest::newRow("another display's copy came later") << QStringList{"elsewhere"} << true;
+}
+
+// Every companion of the user's (one per remote desktop) sees Ctrl+V: only the one whose
+// remote files were announced last pastes; the others say so and send nothing. The tray's
+// paste is a choice made for this companion: it is never left to another.
+void TestDesktop::lastAnnounced()
+{
+    QFETCH(QStringList, moves);
+    QFETCH(bool, acts);
+    QTemporaryDir runtime;
+    platform->latestAnnouncement = std::make_unique<AnnouncementFile>(runtime.path(), ":7");
+    AnnouncementFile other(runtime.path(), ":7.1"), elsewhere(runtime.path(), ":8");
+    start();
+    const QByteArray copy = kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList);
+    sink.deliver(copy);
+    for (const QString &move : moves) {
+        if (move == "other" || move == "elsewhere")
+            (move == "other" ? other : elsewhere).claim();
+        else if (move == "ours")
+            sink.deliver(copy);
+        else
+            QVERIFY(move == "gone" ? QFile::remove(other.path()) : writeFile(other.path(), move == "garbled" ? "x" : "2147483647 1f\n"));
+    }
+    LogCapture log;
+    state.press(true, "v");
+    QCOMPARE(sink.sent.size(), int(acts));
+    QCOMPARE(log.contains("remote files were announced later to another companion; this Ctrl+V is left to it"), !acts);
+    if (!acts)
+        state.choosePaste();
+    QCOMPARE(sink.sent.size(), 1);
 }
 
 void TestDesktop::hostAndPermission()

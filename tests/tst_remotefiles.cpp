@@ -91,6 +91,7 @@ private slots:
     void mountedCopy();
     void dropAndNewerCopy();
     void ownFilesReachedOtherwise();
+    void companionsApart();
 
 private:
     bool canMount();
@@ -592,6 +593,40 @@ void TestRemoteFiles::ownFilesReachedOtherwise()
     m.h.offer({descriptor("b.txt", 3)});
     QTRY_VERIFY(m.h.lastEnd(false, PastedError::saveError));
     QVERIFY(m.h.engine->lastPasteReport().why == PasteReport::Why::insideRemoteFiles && !m.h.nextQuery(0));
+// Companions of one user, one per remote desktop: each mounts a folder of its own and
+// serves its own copies there; one that ends leaves the others' mounts as they are. At a
+// start, a mount whose lock nobody holds (its companion crashed) is cleared; a held one never.
+void TestRemoteFiles::companionsApart()
+{
+    if (!canMount())
+        QSKIP("/dev/fuse cannot be opened here: the mounted file system is not tested");
+    const QString slot = runtime.filePath("kx-clipboard/files-");
+    const auto mounted = [](const QString &path) {
+        QFile table("/proc/self/mountinfo");
+        return table.open(QIODevice::ReadOnly) && table.readAll().contains(" " + QFile::encodeName(path) + " ");
+    };
+    std::vector<std::unique_ptr<Mounted>> m;
+    const QStringList names{"one", "two", "three"};
+    const auto lists = [&](int i) { return run(*m[i], QString("ls '%1'/*").arg(m[i]->mount.path())) == names[i] + ".txt\n"; };
+    for (const QString &name : names) {
+        m.push_back(std::make_unique<Mounted>());
+        QVERIFY(m.back()->start() && m.back()->copy({descriptor(name + ".txt", 1)}));
+    }
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(m[i]->mount.path() == slot + QString::number(i + 1) && lists(i));
+    m[1].reset();
+    QVERIFY(lists(0) && lists(2) && !mounted(slot + "2"));
+    // The third crashes as far as the others can tell: its lock goes, its mount stays.
+    const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (const QFileInfo &fd : QDir("/proc/self/fd").entryInfoList(QDir::Files | QDir::System))
+        if (fd.symLinkTarget() == slot + "3.lock")
+            ::dup2(devNull, fd.fileName().toInt());
+    ::close(devNull);
+    m.push_back(std::make_unique<Mounted>());
+    QVERIFY(m.back()->start());
+    QCOMPARE(m.back()->mount.path(), slot + "2");
+    QTRY_VERIFY(!mounted(slot + "3"));
+    QVERIFY(lists(0));
 }
 
 QTEST_GUILESS_MAIN(TestRemoteFiles)

@@ -51,6 +51,9 @@ void ClipboardWatcher::startWatching(const QString &ipAdress, const QString &por
         if (self)
             self->accessibilityPermissionChanged();
     });
+    // Every companion of the user's sees Ctrl+V: the one whose remote files came last answers it.
+    if (LatestAnnouncement *latest = m_platform.latestAnnouncement.get())
+        connect(m_clipManager.get(), &ClipBoardManager::remoteFilesAnnounced, this, [latest] { latest->claim(); });
     m_eventsObserver = m_platform.keyMonitor->install([self](const KeyEvent &event) {
         if (self)
             self->handleKeyDown(event);
@@ -119,6 +122,10 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
     if (!event.command || event.charactersIgnoringModifiers != QLatin1String("v"))
         return;
     qCInfo(lcDesktop).noquote() << "Command + V 按下";
+    if (m_platform.latestAnnouncement && !m_platform.latestAnnouncement->isOurs()) {
+        qCInfo(lcDesktop).noquote() << "remote files were announced later to another companion; this Ctrl+V is left to it";
+        return;
+    }
     if (m_clipManager->servesFiles()) {
         qCInfo(lcDesktop).noquote() << "the file manager pastes the remote files; no folder is asked for";
         return;

@@ -95,6 +95,8 @@ signals:
     void offerChanged(const RemoteOffer &offer);
     // The connection to the remote side is up (true), or lost and being tried again.
     void connectionChanged(bool connected);
+    // The remote side announced a copy that offers files.
+    void remoteFilesAnnounced();
 
 public:
     // SocketManagerDelegate

@@ -2,6 +2,7 @@
 #include "PlatformLog.h"
 
 #include "KXFileManager.h"
+#include "linux/AnnouncementFile.h"
 #include "linux/FuseMount.h"
 #include "linux/LinuxSystemServices.h"
 #include "linux/NotificationTrigger.h"
@@ -26,6 +27,7 @@ Platform makeLinuxPlatform(const DesktopSession &session)
     platform.alerts = std::make_unique<QtAlerts>();
     platform.services = std::make_unique<LinuxSystemServices>();
     platform.fileSystem = std::make_unique<FuseMount>();
+    platform.latestAnnouncement = std::make_unique<AnnouncementFile>(FuseMount::place(), qEnvironmentVariable("DISPLAY"));
     if (QSystemTrayIcon::isSystemTrayAvailable())
         platform.pasteTriggers.push_back(std::make_unique<TrayTrigger>());
     // Ctrl+V cannot be seen in Wayland applications: the notification offers the paste there.

@@ -3,6 +3,7 @@
 #include "Accessibility.h"
 #include "FileSystemHost.h"
 #include "KeyMonitor.h"
+#include "LatestAnnouncement.h"
 #include "PasteTrigger.h"
 #include "Pasteboard.h"
 #include "SystemServices.h"
@@ -21,4 +22,5 @@ struct Platform
     std::unique_ptr<SystemServices> services;
     std::vector<std::unique_ptr<PasteTrigger>> pasteTriggers;
     std::unique_ptr<FileSystemHost> fileSystem; // none where remote files cannot be served
+    std::unique_ptr<LatestAnnouncement> latestAnnouncement; // none: every Ctrl+V is this companion's
 };

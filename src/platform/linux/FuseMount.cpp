@@ -1,6 +1,7 @@
 #include "FuseMount.h"
 
 #include "PlatformLog.h"
+#include "PrivateFolder.h"
 
 #define FUSE_USE_VERSION 312
 #include <fuse3/fuse_lowlevel.h>
@@ -8,7 +9,6 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QStandardPaths>
 #include <QSocketNotifier>
 
@@ -99,23 +99,6 @@ void installQuitSignals(QObject *owner, const QString &mountPath)
     action.sa_flags = SA_RESTART;
     for (const int signal : {SIGTERM, SIGINT, SIGHUP})
         ::sigaction(signal, &action, nullptr);
-}
-
-// Whether the mount table lists the path as a mount point; read from /proc, which never
-// touches the mount itself.
-bool isMountPoint(const QString &path)
-{
-    QFile table(QStringLiteral("/proc/self/mountinfo"));
-    if (!table.open(QIODevice::ReadOnly))
-        return false;
-    QByteArray escaped = QFile::encodeName(path);
-    escaped.replace("\\", "\\134").replace(" ", "\\040").replace("\t", "\\011").replace("\n", "\\012");
-    for (const QByteArray &line : table.readAll().split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() > 4 && fields[4] == escaped)
-            return true;
-    }
-    return false;
 }
 
 } // namespace
@@ -290,19 +273,6 @@ QString FuseMount::place()
     return QStringLiteral("/tmp/kx-clipboard-%1").arg(::getuid());
 }
 
-void FuseMount::clearStaleMount(const QString &path)
-{
-    if (!isMountPoint(path))
-        return;
-    qCInfo(lcPlatform).noquote() << "a mount an earlier run left is cleared:" << path;
-    QProcess unmount;
-    unmount.start(QStringLiteral("fusermount3"), {QStringLiteral("-u"), QStringLiteral("-z"), path});
-    if (!unmount.waitForFinished(5000) || unmount.exitCode() != 0) {
-        unmount.kill();
-        ::umount2(QFile::encodeName(path).constData(), MNT_DETACH); // as root, without the helper
-    }
-}
-
 bool FuseMount::serve(RemoteFiles &files, QString &whyNot)
 {
     if (m_session)
@@ -318,20 +288,15 @@ bool FuseMount::serve(RemoteFiles &files, QString &whyNot)
         return false;
     }
     // The folder is this user's alone: made so, or found so; never followed if a link.
+    // Each companion of the user's mounts a folder of its own in it.
     const QString folder = place();
-    const QByteArray encoded = QFile::encodeName(folder);
-    struct stat st {};
-    if ((::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST) || ::lstat(encoded.constData(), &st) != 0
-        || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid() || (st.st_mode & 0077)) {
+    if (!kx::makePrivateFolder(folder)) {
         whyNot = QStringLiteral("%1 is not a private folder of this user's").arg(folder);
         return false;
     }
-    m_path = folder + QStringLiteral("/files");
-    clearStaleMount(m_path);
-    if (::mkdir(QFile::encodeName(m_path).constData(), 0700) != 0 && errno != EEXIST) {
-        whyNot = QStringLiteral("%1 cannot be made (%2)").arg(m_path, QString::fromLocal8Bit(std::strerror(errno)));
+    if (!m_slot.take(folder, whyNot))
         return false;
-    }
+    m_path = m_slot.path();
 
     static fuse_lowlevel_ops ops = [] {
         fuse_lowlevel_ops o{};
@@ -352,12 +317,14 @@ bool FuseMount::serve(RemoteFiles &files, QString &whyNot)
     m_session = fuse_session_new(&args, &ops, sizeof ops, this);
     fuse_opt_free_args(&args); // the parser keeps a copy of what it did not take
     if (!m_session) {
+        m_slot.release();
         whyNot = QStringLiteral("the FUSE session could not be made");
         return false;
     }
     if (fuse_session_mount(m_session, QFile::encodeName(m_path).constData()) != 0) {
         fuse_session_destroy(m_session);
         m_session = nullptr;
+        m_slot.release();
         whyNot = QStringLiteral("%1 could not be mounted").arg(m_path);
         return false;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FileSystemHost.h"
+#include "MountSlot.h"
 
 #include <QObject>
 
@@ -20,7 +21,8 @@ struct fuse_req;
 // bytes (names, attributes, listings, opening and closing) from the copies' trees; reads
 // go to the event loop, and are answered when their ranges have come. So the companion
 // never waits on its own files: a stat of them from the event loop, through a link or any
-// other path, is answered meanwhile.
+// other path, is answered meanwhile. One mount a run, at a folder of its own beside those
+// of the user's other companions (MountSlot).
 class FuseMount : public QObject, public FileSystemHost
 {
 public:
@@ -32,8 +34,6 @@ public:
 
     // $XDG_RUNTIME_DIR/kx-clipboard, else a private folder of this user's in /tmp.
     static QString place();
-    // Clears a mount a crashed run left at the path. No stat of it: that would hang.
-    static void clearStaleMount(const QString &path);
 
 private:
     struct Ops;
@@ -47,6 +47,7 @@ private:
     void stop();
 
     RemoteFiles *m_files = nullptr; // set while the mount's thread runs
+    MountSlot m_slot; // its lock goes with this object, after the mount
     QString m_path;
     fuse_session *m_session = nullptr;
     std::thread m_thread;
