@@ -593,6 +593,8 @@ void TestRemoteFiles::ownFilesReachedOtherwise()
     m.h.offer({descriptor("b.txt", 3)});
     QTRY_VERIFY(m.h.lastEnd(false, PastedError::saveError));
     QVERIFY(m.h.engine->lastPasteReport().why == PasteReport::Why::insideRemoteFiles && !m.h.nextQuery(0));
+}
+
 // Companions of one user, one per remote desktop: each mounts a folder of its own and
 // serves its own copies there; one that ends leaves the others' mounts as they are. At a
 // start, a mount whose lock nobody holds (its companion crashed) is cleared; a held one never.
