@@ -10,6 +10,9 @@
 //   silent                the size query and two ranges are answered, then nothing more,
 //                         the connection kept
 //   second-copy           after the fourth range of a paste, a new copy is announced
+//   newer-copy            after the fourth range of a paste, the offered files get other
+//                         bytes and a later time, same names and sizes, and a new copy of
+//                         them is announced: later answers come from it
 //   flood-queries         when a copy is announced: 40 range queries of 2 GiB each, and
 //                         then nothing more is read
 //   range-every           when a copy is announced: a range query for every entry,
@@ -179,6 +182,26 @@ bool AgentSimulator::attackOnContents(const FileSDK::CliprdrFileContentsRequest 
         QTimer::singleShot(0, this, [this] {
             sendFormatList();
             say(QStringLiteral("attack sent: a second copy announced during the paste"));
+        });
+    }
+    if (playing("newer-copy") && range && ++m_attackCount == 4) {
+        QTimer::singleShot(0, this, [this] {
+            for (Entry &entry : m_offer) {
+                QFile file(entry.localPath);
+                if (entry.localPath.isEmpty() || !file.open(QIODevice::ReadWrite))
+                    continue;
+                QByteArray bytes = file.readAll();
+                for (char &c : bytes)
+                    c = char(~c);
+                file.seek(0);
+                file.write(bytes);
+                const std::uint64_t later = kx::joinHalves(entry.descriptor.ftlastwritetimehigh(), entry.descriptor.ftlastwritetimelow())
+                    + 600000000ull; // a minute
+                entry.descriptor.set_ftlastwritetimehigh(kx::highHalf(later));
+                entry.descriptor.set_ftlastwritetimelow(kx::lowHalf(later));
+            }
+            sendFormatList();
+            say(QStringLiteral("attack sent: a newer copy of the same names and sizes, with other bytes"));
         });
     }
     if (playing("long-reply") && range) {

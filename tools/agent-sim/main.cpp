@@ -24,7 +24,7 @@ int main(int argc, char *argv[])
         {"drop-after-bytes", "Drop the connection once this many bytes were served.", "bytes", "-1"},
         {"offer-name", "Also offer a 4-byte file under this exact remote name.", "name"},
         {"reorder", "Answer the file-contents queries that arrive together last first."},
-        {"attack", "Play a hostile agent: big-binary, big-text, unasked-list, huge-list, empty-files, format-lists, "
+        {"attack", "Play a hostile agent: big-binary, big-text, unasked-list, huge-list, empty-files, format-lists, newer-copy, "
                    "silent, second-copy, flood-queries, range-every, list-thrice, long-reply.", "name"},
     });
     parser.process(app);
