@@ -418,6 +418,14 @@ void TestPaste::conflicts()
         QVERIFY(h.serve({{1, "new-a"}, {2, "new-b"}}));
     QVERIFY(h.lastEnd(!cancelled, cancelled ? PastedError::cancelDownload : PastedError::noError));
     QCOMPARE(treeOf(h.dest), tree);
+    if (holds != "nothing")
+        return;
+    // A remote name of the temporaries' form is saved under a free one, and stays.
+    h.conflicts->answer = ConflictChoice::keepBoth;
+    for (int i = 0; i < 2; ++i)
+        QVERIFY(h.pasteAll({descriptor(".kx-clipboard-partial-2147483646-3", 4)}, {{0, "remo"}}) && h.lastEnd(true, PastedError::noError));
+    QCOMPARE(treeOf(h.dest).filter("-3"), (QStringList{".kx-clipboard-partial-2147483646-3 (2) 4", ".kx-clipboard-partial-2147483646-3 (3) 4"}));
+    QVERIFY(treeOf(h.dest).contains(".kx-clipboard-partial-notes 4"));
     QCOMPARE(readFile(outside), "mine");
     QCOMPARE(h.conflicts->asked.size(), holds == "nothing" ? 0 : 1);
     if (!h.conflicts->asked.isEmpty())

@@ -397,7 +397,16 @@ void PasteSession::startCurrentFile(std::size_t index)
         qCInfo(lcEngine).noquote().nospace() << "refused a remote name outside the chosen folder: " << name;
         return end(false, PastedError::saveError, PasteReport::Why::outsideFolder, name);
     }
-    const QString staged = stagedName(name);
+    QString staged = stagedName(name);
+    // A name of the form of our temporaries is given a free one: a temporary of this paste
+    // could otherwise be replaced by it, or it taken for one.
+    if (QStringList parts = kx::remoteComponents(staged); parts.last().startsWith(kx::partialPrefix)) {
+        const QString remote = parts.last();
+        for (int number = 2; number == 2 || kx::existingTarget(m_pasteBasePath, parts).what != kx::Existing::nothing; ++number)
+            parts.last() = kx::numberedName(remote, number);
+        staged = parts.join(QLatin1Char('\\'));
+        qCInfo(lcEngine).noquote().nospace() << "a remote name of the form of an unfinished file is saved as " << parts.last();
+    }
     file.out = KXFileStreamOperation::initFileOperationAtPath(staged, true, m_pasteBasePath);
     qCInfo(lcEngine).noquote().nospace() << "文件总大小resultValue:" << file.size;
     if (!file.out)
