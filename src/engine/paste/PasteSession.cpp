@@ -400,7 +400,7 @@ void PasteSession::startCurrentFile(std::size_t index)
     QString staged = stagedName(name);
     // A name of the form of our temporaries is given a free one: a temporary of this paste
     // could otherwise be replaced by it, or it taken for one.
-    if (QStringList parts = kx::remoteComponents(staged); parts.last().startsWith(kx::partialPrefix)) {
+    if (QStringList parts = kx::remoteComponents(staged); !parts.isEmpty() && parts.last().startsWith(kx::partialPrefix)) {
         const QString remote = parts.last();
         for (int number = 2; number == 2 || kx::existingTarget(m_pasteBasePath, parts).what != kx::Existing::nothing; ++number)
             parts.last() = kx::numberedName(remote, number);
