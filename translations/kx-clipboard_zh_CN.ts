@@ -2,6 +2,25 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="zh_CN">
 <context>
+    <name>ClipboardWatcher</name>
+    <message>
+        <source>Stop the running paste and paste the new files?</source>
+        <translation>停止正在进行的粘贴，并粘贴新的文件吗？</translation>
+    </message>
+    <message>
+        <source>Other files were copied on the remote desktop while a paste runs. It goes on unless you stop it; the files it has completed stay where they are.</source>
+        <translation>粘贴进行期间，远程桌面上复制了其他文件。除非您停止，粘贴会继续进行；已完成的文件会保留在原处。</translation>
+    </message>
+    <message>
+        <source>Keep pasting</source>
+        <translation>继续粘贴</translation>
+    </message>
+    <message>
+        <source>Stop and paste the new files</source>
+        <translation>停止并粘贴新的文件</translation>
+    </message>
+</context>
+<context>
     <name>ContentsText</name>
     <message>
         <source>1 item</source>

@@ -126,9 +126,31 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
         qCInfo(lcDesktop).noquote() << "remote files were announced later to another companion; this Ctrl+V is left to it";
         return;
     }
+    // Where something else took the clipboard since (a clipboard manager does), the file
+    // manager has nothing of ours to paste: the chooser does it.
     if (m_clipManager->servesFiles()) {
-        qCInfo(lcDesktop).noquote() << "the file manager pastes the remote files; no folder is asked for";
+        if (m_platform.pasteboard->holdsOfferedFiles() || !m_clipManager->remoteFiles().copies()) {
+            qCInfo(lcDesktop).noquote() << "the file manager pastes the remote files; no folder is asked for";
+            return;
+        }
+        qCInfo(lcDesktop).noquote() << "the clipboard no longer holds the remote files; the folder chooser opens";
+    }
+    // A Ctrl+V meant for another program never costs a running paste.
+    switch (m_clipManager->runningPaste()) {
+    case ClipBoardManager::RunningPaste::none:
+        break;
+    case ClipBoardManager::RunningPaste::sameCopy:
+        qCInfo(lcDesktop).noquote() << "a paste of this remote copy runs already; Ctrl+V does nothing";
         return;
+    case ClipBoardManager::RunningPaste::olderCopy:
+        if (m_platform.alerts->runModal(tr("Stop the running paste and paste the new files?"),
+                                        tr("Other files were copied on the remote desktop while a paste runs. It goes on "
+                                           "unless you stop it; the files it has completed stay where they are."),
+                                        {tr("Keep pasting"), tr("Stop and paste the new files")}) != 1001) {
+            qCInfo(lcDesktop).noquote() << "the running paste goes on; the newer remote copy is not pasted";
+            return;
+        }
+        break;
     }
     paste();
 }

@@ -183,6 +183,7 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
     // Queries name no copy: from now on the remote side answers from its newer files. A copy
     // of text leaves them as they were.
     const bool newerFiles = offersFiles(m_formList);
+    m_copySerial += newerFiles;
     const bool older = pasteRunning() || m_pending || (servesFiles() && m_files->copies() > 0);
     if (newerFiles && older)
         holdForComparison();
@@ -249,6 +250,7 @@ void ClipBoardManager::sendFormatDataRequest(ProgressCallback progress, Completi
     m_pending.emplace();
     m_pending->progress = std::move(progress);
     m_pending->completion = std::move(completion);
+    m_pending->copy = m_copySerial;
     if (m_filesOffered)
         emit filesOffered(m_filesOffered = false); // the paste has started
     requestList(forPaste);
@@ -357,6 +359,7 @@ void ClipBoardManager::startDownload(const QUrl &url)
     const QString chosen = url.toLocalFile();
     const QString canonical = QFileInfo(chosen).canonicalFilePath();
     m_pasteStatus = PasteStatus::downloading;
+    m_pasteCopy = pending.copy;
     m_paste = std::make_unique<PasteSession>(*this, canonical.isEmpty() ? chosen : canonical, std::move(pending.list),
                                              std::move(pending.progress), std::move(pending.completion));
     m_paste->setHeld(m_comparisonsAwaited > 0);
@@ -422,6 +425,13 @@ RemoteFiles &ClipBoardManager::remoteFiles()
 PasteFigures ClipBoardManager::pasteFigures() const
 {
     return m_paste ? m_paste->figures() : PasteFigures();
+}
+
+ClipBoardManager::RunningPaste ClipBoardManager::runningPaste() const
+{
+    if (!pasteRunning())
+        return RunningPaste::none;
+    return m_pasteCopy == m_copySerial ? RunningPaste::sameCopy : RunningPaste::olderCopy;
 }
 
 bool ClipBoardManager::pasteRunning() const

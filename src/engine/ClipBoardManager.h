@@ -34,6 +34,7 @@ struct PendingPaste
     std::function<void(bool, PastedError)> completion;
     bool choosing = false; // the list came; the folder chooser is open
     bool changed = false;  // the remote side copied something else meanwhile
+    std::uint64_t copy = 0; // which remote copy of files it pastes
     DescriptorList list;
 };
 
@@ -66,6 +67,9 @@ public:
     void copiedFiles(const QList<QUrl> &urls);
 
     PasteStatus pasteStatus() const { return m_pasteStatus; }
+    // A download that runs, of the remote copy on offer now or of an older one.
+    enum class RunningPaste { none, sameCopy, olderCopy };
+    RunningPaste runningPaste() const;
     // Setting cancel is the stop request: the running paste ends at once, and for good.
     void setPasteStatus(PasteStatus status);
     bool hasFormList() const { return m_formList.has_value(); }
@@ -147,6 +151,8 @@ private:
     QString m_urlText;
 
     std::optional<FileSDK::CliprdrFormatList> m_formList;
+    std::uint64_t m_copySerial = 0; // counts the remote copies of files announced
+    std::uint64_t m_pasteCopy = 0;  // the one the running download pastes
     bool m_filesOffered = false;
     PasteStatus m_pasteStatus = PasteStatus::start;
     std::optional<PendingPaste> m_pending;

@@ -4,12 +4,14 @@
 #include <QStringList>
 #include <QUrl>
 
-// Modal alerts: the buttons in order, the result 1000 for the first, 1001 for the second.
+// Modal alerts: the buttons in order, the result 1000 for the first, 1001 for the second;
+// Return presses the default one.
 class Alerts
 {
 public:
     virtual ~Alerts() = default;
-    virtual int runModal(const QString &message, const QString &informative, const QStringList &buttons) = 0;
+    virtual int runModal(const QString &message, const QString &informative, const QStringList &buttons,
+                         int defaultButton = 0) = 0;
 };
 
 // The rest of the desktop the watcher and the shell need.

@@ -19,7 +19,10 @@ public:
         ++s.clears;
         s.urls = QList<QUrl>{};
         ++s.changeCount;
+        s.holdsOffered = false;
     }
+    void offerFiles(const QList<QUrl> &urls) override { s.urls = urls, ++s.changeCount, s.holdsOffered = true; }
+    bool holdsOfferedFiles() const override { return s.holdsOffered; }
     FakePlatformState &s;
 };
 
@@ -65,12 +68,12 @@ class FakeAlerts : public Alerts
 {
 public:
     explicit FakeAlerts(FakePlatformState &s) : s(s) {}
-    int runModal(const QString &message, const QString &informative, const QStringList &buttons) override
+    int runModal(const QString &message, const QString &informative, const QStringList &buttons, int defaultButton) override
     {
-        s.alerts.append({message, informative, buttons});
+        s.alerts.append({message, informative, buttons, defaultButton});
         if (s.duringAlert)
             s.duringAlert();
-        return s.alertAnswers.isEmpty() ? 1000 : s.alertAnswers.takeFirst();
+        return s.alertAnswers.isEmpty() ? 1000 + defaultButton : s.alertAnswers.takeFirst();
     }
     FakePlatformState &s;
 };

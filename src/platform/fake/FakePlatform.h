@@ -20,9 +20,9 @@ struct FakePlatformState
     QList<bool> trustedPrompts;
     std::function<void()> permissionChanged;
     int eventTaps = 0;
-    struct Alert { QString message; QString informative; QStringList buttons; };
+    struct Alert { QString message; QString informative; QStringList buttons; int defaultButton = 0; };
     QList<Alert> alerts;
-    QList<int> alertAnswers; // taken in order; 1000 when empty
+    QList<int> alertAnswers; // taken in order; the default button's (Return) when empty
     std::function<void()> duringAlert; // runs while an alert is up, as a modal one lets events run
     QList<QUrl> openedUrls;
     bool hostRunning = true;
@@ -40,7 +40,8 @@ struct FakePlatformState
     bool hasFileSystem = false;
     QString fileSystemRefusal;
 
-    void copy(const QList<QUrl> &newUrls) { urls = newUrls; ++changeCount; }
+    void copy(const QList<QUrl> &newUrls) { urls = newUrls, ++changeCount, holdsOffered = false; }
+    bool holdsOffered = false; // what the board holds is the remote files the companion offered
     void press(bool command, const QString &text) { if (keyHandler) keyHandler(KeyEvent{command, text}); }
 };
 
