@@ -5,12 +5,16 @@
 #include "FakePlatform.h"
 #include "LinuxPlatform.h"
 #include "LogCapture.h"
+#include "qt/QtAlerts.h"
 #include "ViewController.h"
 #include "x11/X11KeyMonitor.h"
 
 #include <QClipboard>
 #include <QGuiApplication>
+#include <QApplication>
 #include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTimer>
@@ -28,6 +32,7 @@ private slots:
     void keyMonitor();
     void ctrlReleasedDuringAnotherClientsGrab();
     void progressWindowLeavesTheKeyboardAlone();
+    void alertLeavesTheKeyboardAlone();
 
 private:
     static bool run(const QStringList &command) { return QProcess::execute(command.first(), command.mid(1)) == 0; }
@@ -161,6 +166,47 @@ void TestX11::progressWindowLeavesTheKeyboardAlone()
     QTRY_COMPARE_WITH_TIMEOUT(editor.text(), QStringLiteral("go on typing "), 5000);
     QVERIFY(editor.hasFocus());
     QVERIFY(!log.contains("click stop"));
+    // Switched to, it has the keyboard: Stop is reached with Tab and pressed with space.
+    progress.activateWindow();
+    QTRY_VERIFY_WITH_TIMEOUT(progress.isActiveWindow(), 5000);
+    for (int tabs = 0; tabs < 8 && !progress.stopBtn()->hasFocus(); ++tabs) {
+        QVERIFY(run({"xdotool", "key", "Tab"}));
+        QTest::qWait(0);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(progress.stopBtn()->hasFocus(), 5000);
+    QVERIFY(run({"xdotool", "key", "space"}));
+    QTRY_VERIFY_WITH_TIMEOUT(log.contains("click stop"), 5000);
+}
+
+// An alert comes up while the user types elsewhere: the keys stay there, and Return does
+// not answer it. Switched to, Return presses its default button.
+void TestX11::alertLeavesTheKeyboardAlone()
+{
+    QLineEdit editor;
+    editor.show();
+    editor.activateWindow();
+    QTRY_VERIFY_WITH_TIMEOUT(editor.hasFocus(), 5000);
+    QtAlerts alerts;
+    int step = 0, ticks = 0;
+    QTimer driver;
+    connect(&driver, &QTimer::timeout, this, [&] {
+        QMessageBox *box = nullptr;
+        for (QWidget *top : QApplication::topLevelWidgets())
+            box = box ? box : qobject_cast<QMessageBox *>(top);
+        if (!box || !box->isVisible())
+            return;
+        if (++ticks > 1500) // given up on: no hang, a failure
+            return box->reject();
+        if (step == 0 && ++step)
+            run({"xdotool", "type", "--delay", "40", "abc\n"});
+        else if (step == 1 && editor.text() == "abc" && ++step)
+            box->activateWindow();
+        else if (step == 2 && box->isActiveWindow() && ++step)
+            run({"xdotool", "key", "Return"});
+    });
+    driver.start(20);
+    QCOMPARE(alerts.runModal("message", "informative", {"Stop", "Keep pasting"}, 1), 1001);
+    QVERIFY(step == 3 && editor.text() == "abc");
 }
 
 QTEST_MAIN(TestX11)

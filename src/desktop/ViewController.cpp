@@ -37,9 +37,9 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
 {
     setWindowTitle(tr("Receiving files"));
     // A background agent's window: it is shown and raised, but the keyboard stays with
-    // the application the user types into, and no key typed there can press Stop.
+    // the application the user types into, and no key typed there can press Stop. Once the
+    // user clicks it or switches to it, it has the keyboard: Stop is reached by Tab.
     setAttribute(Qt::WA_ShowWithoutActivating);
-    setWindowFlag(Qt::WindowDoesNotAcceptFocus);
     m_file = new QLabel(this);
     QFont bold = m_file->font();
     bold.setBold(true);
@@ -49,7 +49,6 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
     m_rate = new QLabel(this);
     m_progressIndicator = new QProgressBar(this);
     m_stopBtn = new QPushButton(tr("Stop"), this);
-    m_stopBtn->setFocusPolicy(Qt::NoFocus);
     connect(m_stopBtn, &QPushButton::clicked, this, &ViewController::clickStopPasteBtn);
 
     // Paths give way in their middle to the window's width; the other lines make it.
@@ -261,7 +260,7 @@ void ViewController::closeEvent(QCloseEvent *event)
     const int ends = m_ends;
     const int answer = m_platform.alerts->runModal(
         tr("Stop this paste?"), tr("Files already complete stay in the folder; the one being written is removed."),
-        {tr("Stop"), tr("Keep pasting")});
+        {tr("Stop"), tr("Keep pasting")}, 1); // a Return typed on is no Stop
     if (answer == 1000 && ends == m_ends) // not if the paste ended while the question was up
         clickStopPasteBtn();
 }
