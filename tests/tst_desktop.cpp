@@ -110,6 +110,7 @@ private slots:
     void hostAndPermission();
     void windowAndAlerts();
     void pasteThroughCtrlV();
+    void strayCtrlV();
     void endTexts_data();
     void endTexts();
     void conflictQuestion_data();
@@ -234,6 +235,9 @@ void TestDesktop::commandLine_data()
     QTest::newRow("nothing at all") << QStringList{} << -1 << QStringList{"Number of arguments: 1"}
         << "kx-clipboard: no launch arguments; the host application passes ip,… port,… token,… cid,… "
            "(kx-clipboard --help says more)";
+    QTest::newRow("an unknown argument") << QStringList{"ip,ws://192.0.2.8", "--bogus"} << -1 << QStringList{"Argument 2: --bogus"}
+        << "kx-clipboard: “--bogus” is no launch argument, and is ignored; the host application passes ip,… port,… token,… "
+           "cid,… (kx-clipboard --help says more)";
     QTest::newRow("a line break in a value") << QStringList{"cid,7\n所有文件粘贴成功"} << -1 << QStringList{"Argument 1: cid,7\\n所有文件粘贴成功"} << "";
 }
 
@@ -376,6 +380,20 @@ void TestDesktop::pasteFiles()
     controller->watcher()->checkPasteboard();
     QCOMPARE(sink.sent.size(), served ? 2 : 3);
     QCOMPARE(log.contains("a local copy of the remote files themselves is not offered back"), served);
+    if (!served)
+        return;
+    // Once laid out, the file manager pastes them; once something else took the clipboard
+    // (a clipboard manager does), Ctrl+V opens the chooser.
+    FileSDK::MacCliprdrFormatDataResponse list;
+    *list.add_filedes() = descriptor("r.txt", 1);
+    sink.deliver(kx::encodeFrame(list, FrameType::formatDataResponse));
+    QTRY_VERIFY(state.holdsOffered);
+    sink.sent.clear();
+    state.press(true, "v");
+    QVERIFY(sink.sent.isEmpty());
+    state.copy({});
+    state.press(true, "v");
+    QVERIFY(sink.sent.size() == 1 && log.contains("the clipboard no longer holds the remote files; the folder chooser opens"));
 }
 
 void TestDesktop::lastAnnounced_data()
@@ -592,7 +610,8 @@ void TestDesktop::pasteThroughCtrlV()
     QCOMPARE(sink.sent.size(), 1);
     sink.sent.clear();
     serve(dest, 3, QString(120, 'n'), 1001); // the × at the first report: asked, and the paste went on
-    QVERIFY(log.contains("当前的百分比：1.0") && log.contains("Progress: 1.0") && state.alerts.first().message == "Stop this paste?");
+    QVERIFY(log.contains("当前的百分比：1.0") && log.contains("Progress: 1.0") && state.alerts.first().message == "Stop this paste?"
+            && state.alerts.first().defaultButton == 1); // Return keeps the paste going
     QVERIFY2(shown.at(1).section('|', 2, 2).startsWith("nnnn") && shown.at(1).contains(QChar(0x2026))
              && shown.last().contains("|File 3 of 3 — "), qPrintable(shown.join('\n')));
     // The alert says what was saved and where, and opens the folder on request.
@@ -627,6 +646,42 @@ void TestDesktop::pasteThroughCtrlV()
     QCOMPARE(QDir(again.path()).entryList(hidden).size(), 0);
     sink.lose();
     QVERIFY(state.connected == (QList<bool>{true, false}) && state.offers.last() == RemoteOffer{});
+}
+
+// Ctrl+V while a paste runs, meant for another program: for the same remote copy nothing
+// at all; for a newer one a question whose default (Return) keeps the running paste.
+void TestDesktop::strayCtrlV()
+{
+    QTemporaryDir dest;
+    start({});
+    auto *chooser = new ScriptedChooser;
+    chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
+    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+    const auto remoteCopy = [&] { sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList)); };
+    FileSDK::MacCliprdrFormatDataResponse list;
+    *list.add_filedes() = descriptor("big", 3 * 262144);
+    remoteCopy();
+    state.press(true, "v");
+    sink.deliver(kx::encodeFrame(list, FrameType::formatDataResponse));
+    QTRY_COMPARE(sink.sent.size(), 2); // the list, then the file's size
+    sink.sent.clear();
+    LogCapture log;
+    state.press(true, "v");
+    QVERIFY(sink.sent.isEmpty() && state.alerts.isEmpty() && log.contains("a paste of this remote copy runs already; Ctrl+V does nothing"));
+    remoteCopy(); // the same file copied again: compared, and the paste goes on
+    QCOMPARE(sink.sent.size(), 1);
+    sink.sent.clear();
+    sink.deliver(kx::encodeFrame(list, FrameType::formatDataResponse));
+    for (const QList<int> &answers : {QList<int>{}, QList<int>{1001}}) {
+        state.alertAnswers = answers;
+        state.press(true, "v");
+        QCOMPARE(state.alerts.size(), 1);
+        const FakePlatformState::Alert asked = state.alerts.takeFirst();
+        QVERIFY(asked.message == "Stop the running paste and paste the new files?" && asked.defaultButton == 0
+                && asked.buttons == (QStringList{"Keep pasting", "Stop and paste the new files"}));
+        QCOMPARE(sink.sent.size(), answers.isEmpty() ? 0 : 1); // the newer copy's list, asked for a paste
+        QCOMPARE(controller->watcher()->clipManager()->runningPaste(), ClipBoardManager::RunningPaste::olderCopy);
+    }
 }
 
 // The words of an alert, below its described message, for each way a paste ends.

@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include "LaunchArguments.h"
+
 #include <cstdio>
 #include <cstring>
 
@@ -24,6 +26,12 @@ std::optional<int> CommandLine::handle(int argc, char **argv)
     }
     if (argc <= 1)
         print(stderr, usageHint());
+    // Start-up goes on (a host may pass more than it needs), but a typing slip is said.
+    for (int i = 1; i < argc; ++i) {
+        const QString argument = QString::fromLocal8Bit(argv[i]);
+        if (LaunchArguments::keyOf(argument) == LaunchArguments::Key::none)
+            print(stderr, unknownArgument(argument));
+    }
     return std::nullopt;
 }
 
@@ -46,6 +54,12 @@ QString CommandLine::help()
 QString CommandLine::version()
 {
     return QStringLiteral("kx-clipboard %1\n").arg(QStringLiteral(KX_VERSION));
+}
+
+QString CommandLine::unknownArgument(const QString &argument)
+{
+    return tr("kx-clipboard: “%1” is no launch argument, and is ignored; the host application passes "
+              "ip,… port,… token,… cid,… (kx-clipboard --help says more)\n").arg(argument);
 }
 
 QString CommandLine::usageHint()

@@ -6,7 +6,8 @@
 
 // What the command line asks before anything else starts: the help or the version, which
 // need no display and end the process, and a hint when the host passed nothing at all
-// (start-up goes on then, with empty values, as the host may mean it).
+// (start-up goes on then, with empty values, as the host may mean it), or an argument no
+// key of which it knows.
 class CommandLine
 {
     Q_DECLARE_TR_FUNCTIONS(CommandLine)
@@ -17,4 +18,5 @@ public:
     static QString help();
     static QString version();
     static QString usageHint();
+    static QString unknownArgument(const QString &argument);
 };

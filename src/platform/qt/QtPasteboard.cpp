@@ -65,6 +65,7 @@ void QtPasteboard::offerFiles(const QList<QUrl> &urls)
     for (const QUrl &url : urls)
         gnome += '\n' + url.toEncoded();
     data->setData(QStringLiteral("x-special/gnome-copied-files"), gnome);
+    data->setData(QStringLiteral("x-special/mate-copied-files"), gnome); // the MATE file manager reads only its own
     data->setData(QStringLiteral("application/x-kde-cutselection"), "0");
     data->setData(offeredMark, QByteArray());
     QGuiApplication::clipboard()->setMimeData(data, QClipboard::Clipboard);
