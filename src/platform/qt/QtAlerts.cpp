@@ -12,6 +12,8 @@ int QtAlerts::runModal(const QString &message, const QString &informative, const
     // modal window is always activated on X11, so it waits in a loop of its own instead.
     box.setAttribute(Qt::WA_ShowWithoutActivating);
     box.setWindowModality(Qt::NonModal);
+    // Above the progress window, which is raised with every report.
+    box.setWindowFlag(Qt::WindowStaysOnTopHint);
     box.setWindowTitle(QStringLiteral(KX_APP_DISPLAY_NAME));
     box.setText(message);
     box.setInformativeText(informative);
