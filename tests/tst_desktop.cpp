@@ -109,6 +109,8 @@ private slots:
     void lastAnnounced();
     void hostAndPermission();
     void windowAndAlerts();
+    void alertHeadline_data();
+    void alertHeadline();
     void pasteThroughCtrlV();
     void strayCtrlV();
     void endTexts_data();
@@ -525,7 +527,7 @@ void TestDesktop::windowAndAlerts()
     controller->handlePasteProgress(0.5);
     controller->handlePasteFinished(true, ClipBoardError::noError);
     QTRY_COMPARE(state.alerts.size(), 7);
-    QCOMPARE(state.alerts.last().message, QStringLiteral("下载成功"));
+    QCOMPARE(state.alerts.last().reference, QStringLiteral("下载成功"));
     QVERIFY(log.contains("所有文件粘贴成功") && !controller->isVisible() && controller->progressIndicator()->value() == 0
             && controller->stopBtn()->isHidden() && controller->progressIndicator()->isHidden());
     // Stopped, the watcher holds no key monitor: one installed since is not its to remove.
@@ -571,7 +573,7 @@ void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &ste
             QVERIFY(!controller->close());
     }
     const bool stopped = closing == 1000;
-    QTRY_COMPARE(state.alerts.last().message, stopped ? "下载失败错误原因：cancelDownload" : "下载成功");
+    QTRY_COMPARE(state.alerts.last().reference, stopped ? "下载失败错误原因：cancelDownload" : "下载成功");
     state.duringAlert = nullptr;
     for (int i = 0; i < files && !stopped; ++i)
         QCOMPARE(readFile(dest.filePath(QString(stem).replace('\\', '/') + QString::number(i))), pattern(300000, i));
@@ -615,7 +617,7 @@ void TestDesktop::pasteThroughCtrlV()
     QVERIFY2(shown.at(1).section('|', 2, 2).startsWith("nnnn") && shown.at(1).contains(QChar(0x2026))
              && shown.last().contains("|File 3 of 3 — "), qPrintable(shown.join('\n')));
     // The alert says what was saved and where, and opens the folder on request.
-    QCOMPARE(state.alerts.last().informative,
+    QCOMPARE(state.alerts.last().message,
              QStringLiteral("3 files (%1) were saved in “%2”.").arg(QLocale().formattedDataSize(900000), QDir(dest.path()).dirName()));
     QVERIFY(state.alerts.last().buttons == QStringList({"ok", "Open folder"})
             && state.openedUrls == QList<QUrl>{QUrl::fromLocalFile(dest.path())});
@@ -682,6 +684,35 @@ void TestDesktop::strayCtrlV()
         QCOMPARE(sink.sent.size(), answers.isEmpty() ? 0 : 1); // the newer copy's list, asked for a paste
         QCOMPARE(controller->watcher()->clipManager()->runningPaste(), ClipBoardManager::RunningPaste::olderCopy);
     }
+}
+
+// The end alert's headline: the words under any locale but Chinese, with the described
+// message below them as a small reference; the described message under a Chinese locale.
+// An end with no words to say keeps the described message; a failure warns.
+void TestDesktop::alertHeadline_data()
+{
+    QTest::addColumn<bool>("chinese");
+    QTest::newRow("English") << false;
+    QTest::newRow("Chinese") << true;
+}
+
+void TestDesktop::alertHeadline()
+{
+    QFETCH(bool, chinese);
+    const QLocale before;
+    if (chinese)
+        QLocale::setDefault(QLocale(QLocale::Chinese, QLocale::China)), kx::installTranslations(QLocale());
+    const auto restore = qScopeGuard([&] { QLocale::setDefault(before), kx::installTranslations(QLocale(QLocale::English)); });
+    start();
+    controller->handlePasteFinished(true, ClipBoardError::noError);
+    controller->handlePasteFinished(false, ClipBoardError::cancelDownload);
+    QTRY_COMPARE(state.alerts.size(), 2);
+    const QString words = PasteEndText::text(true, PasteReport());
+    const Alert done = state.alerts.first(), failed = state.alerts.last();
+    QCOMPARE((QStringList{done.message, done.informative, done.reference}),
+             chinese ? QStringList({"下载成功", words, ""}) : QStringList({words, "", "下载成功"}));
+    QVERIFY(done.kind == Alert::Kind::information && failed.kind == Alert::Kind::warning
+            && failed.message == "下载失败错误原因：cancelDownload" && failed.reference.isEmpty());
 }
 
 // The words of an alert, below its described message, for each way a paste ends.

@@ -205,7 +205,7 @@ void TestX11::alertLeavesTheKeyboardAlone()
             run({"xdotool", "key", "Return"});
     });
     driver.start(20);
-    QCOMPARE(alerts.runModal("message", "informative", {"Stop", "Keep pasting"}, 1), 1001);
+    QCOMPARE(alerts.runModal({.message = "message", .buttons = {"Stop", "Keep pasting"}, .defaultButton = 1}), 1001);
     QVERIFY(step == 3 && editor.text() == "abc");
 }
 

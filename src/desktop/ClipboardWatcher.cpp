@@ -143,10 +143,12 @@ void ClipboardWatcher::handleKeyDown(const KeyEvent &event)
         qCInfo(lcDesktop).noquote() << "a paste of this remote copy runs already; Ctrl+V does nothing";
         return;
     case ClipBoardManager::RunningPaste::olderCopy:
-        if (m_platform.alerts->runModal(tr("Stop the running paste and paste the new files?"),
-                                        tr("Other files were copied on the remote desktop while a paste runs. It goes on "
-                                           "unless you stop it; the files it has completed stay where they are."),
-                                        {tr("Keep pasting"), tr("Stop and paste the new files")}) != 1001) {
+        if (m_platform.alerts->runModal({.message = tr("Stop the running paste and paste the new files?"),
+                                         .informative = tr("Other files were copied on the remote desktop while a paste "
+                                                           "runs. It goes on unless you stop it; the files it has "
+                                                           "completed stay where they are."),
+                                         .buttons = {tr("Keep pasting"), tr("Stop and paste the new files")},
+                                         .kind = Alert::Kind::question}) != 1001) {
             qCInfo(lcDesktop).noquote() << "the running paste goes on; the newer remote copy is not pasted";
             return;
         }
@@ -211,8 +213,8 @@ void ClipboardWatcher::showAccessibilityAlert()
     if (name.isEmpty())
         name = QStringLiteral("KXMacOSPasteBoard");
     const int answer = m_platform.alerts->runModal(
-        QStringLiteral("使用复制粘贴功能，请授权") + name + QStringLiteral("应用"), QString(),
-        {QStringLiteral("授权成功后，点此按钮重启应用"), QStringLiteral("暂不使用复制粘贴")});
+        {.message = QStringLiteral("使用复制粘贴功能，请授权") + name + QStringLiteral("应用"),
+         .buttons = {QStringLiteral("授权成功后，点此按钮重启应用"), QStringLiteral("暂不使用复制粘贴")}});
     const QUrl settings = m_platform.accessibility->settingsUrl();
     if (answer == 1000 && settings.isValid())
         m_platform.services->openUrl(settings);
@@ -230,8 +232,8 @@ void ClipboardWatcher::accessibilityPermissionChanged()
 
 void ClipboardWatcher::showRestartAlert()
 {
-    const int answer = m_platform.alerts->runModal(QStringLiteral("重启后才可使用复制粘贴功能"), QString(),
-                                                   {QStringLiteral("现在重启"), QStringLiteral("先不使用")});
+    const int answer = m_platform.alerts->runModal(
+        {.message = QStringLiteral("重启后才可使用复制粘贴功能"), .buttons = {QStringLiteral("现在重启"), QStringLiteral("先不使用")}});
     if (answer == 1000)
         m_platform.services->exitProcess(0);
 }

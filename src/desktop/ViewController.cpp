@@ -205,41 +205,48 @@ void ViewController::handlePasteFinished(bool success, ClipBoardError error)
     if (success) {
         qCInfo(lcDesktop).noquote() << "所有文件粘贴成功";
         QMetaObject::invokeMethod(this, [this, report] {
-            showEnd(QStringLiteral("下载成功"), PasteEndText::text(true, report), report, tr("Done"));
+            showEnd(true, QStringLiteral("下载成功"), PasteEndText::text(true, report), report, tr("Done"));
         }, Qt::QueuedConnection);
         return;
     }
     const QString name = clipBoardErrorName(error);
     qCInfo(lcDesktop).noquote().nospace() << "eror:" << name;
     QMetaObject::invokeMethod(this, [this, name, report] {
-        showEnd(QStringLiteral("下载失败错误原因：") + name, PasteEndText::text(false, report), report, tr("Not completed"));
+        showEnd(false, QStringLiteral("下载失败错误原因：") + name, PasteEndText::text(false, report), report, tr("Not completed"));
     }, Qt::QueuedConnection);
 }
 
 // What the window last showed stays readable beside the alert; it goes once the alert
 // is answered.
-void ViewController::showEnd(const QString &message, const QString &informative, const PasteReport &report,
+void ViewController::showEnd(bool success, const QString &message, const QString &informative, const PasteReport &report,
                              const QString &outcome)
 {
     m_pasting = false;
     ++m_ends;
     m_stopBtn->setEnabled(false);
     setElided(m_rate, outcome, Qt::ElideRight);
-    showAlert(message, informative, report);
+    showAlert(success, message, informative, report);
     m_progressIndicator->setHidden(true);
     m_stopBtn->setHidden(true);
     hideWindow();
 }
 
-// The described message, what happened in words, and the folder a button away when
-// something was saved in it.
-void ViewController::showAlert(const QString &message, const QString &informative, const PasteReport &report)
+// What happened in words, and the folder a button away when something was saved in it.
+// Under a Chinese locale the described message is the headline; under any other, the
+// first sentence in words is, and the described message follows as a small reference.
+void ViewController::showAlert(bool success, const QString &message, const QString &informative, const PasteReport &report)
 {
     const bool saved = !report.folder.isEmpty() && report.filesSaved > 0;
-    QStringList buttons{QStringLiteral("ok")};
+    Alert alert{.message = message, .informative = informative, .buttons = {QStringLiteral("ok")}};
+    alert.kind = success ? Alert::Kind::information : Alert::Kind::warning;
     if (saved)
-        buttons << tr("Open folder");
-    if (m_platform.alerts->runModal(message, informative, buttons) == 1001 && saved)
+        alert.buttons << tr("Open folder");
+    if (QLocale().language() != QLocale::Chinese && !informative.isEmpty()) {
+        alert.message = informative.section(QLatin1Char('\n'), 0, 0);
+        alert.informative = informative.section(QLatin1Char('\n'), 1);
+        alert.reference = message;
+    }
+    if (m_platform.alerts->runModal(alert) == 1001 && saved)
         m_platform.services->openUrl(QUrl::fromLocalFile(report.folder));
 }
 
@@ -258,9 +265,12 @@ void ViewController::closeEvent(QCloseEvent *event)
     if (!m_pasting)
         return hideWindow();
     const int ends = m_ends;
-    const int answer = m_platform.alerts->runModal(
-        tr("Stop this paste?"), tr("Files already complete stay in the folder; the one being written is removed."),
-        {tr("Stop"), tr("Keep pasting")}, 1); // a Return typed on is no Stop
+    const int answer = m_platform.alerts->runModal( // a Return typed on is no Stop
+        {.message = tr("Stop this paste?"),
+         .informative = tr("Files already complete stay in the folder; the one being written is removed."),
+         .buttons = {tr("Stop"), tr("Keep pasting")},
+         .defaultButton = 1,
+         .kind = Alert::Kind::question});
     if (answer == 1000 && ends == m_ends) // not if the paste ended while the question was up
         clickStopPasteBtn();
 }

@@ -55,12 +55,12 @@ private:
     void resetProgressControls();
     void hideWindow();
     void showWindow();
-    void showAlert(const QString &message, const QString &informative, const PasteReport &report);
+    void showAlert(bool success, const QString &message, const QString &informative, const PasteReport &report);
     void setBarValue(double progress);
     Figures takeFigures();
     void showFigures(const Figures &figures, double progress);
     QString speedText(std::uint64_t left) const;
-    void showEnd(const QString &message, const QString &informative, const PasteReport &report, const QString &outcome);
+    void showEnd(bool success, const QString &message, const QString &informative, const PasteReport &report, const QString &outcome);
 
     Platform &m_platform;
     ClipboardWatcher *m_watcher = nullptr;

@@ -4,14 +4,25 @@
 #include <QStringList>
 #include <QUrl>
 
-// Modal alerts: the buttons in order, the result 1000 for the first, 1001 for the second;
-// Return presses the default one.
+// One alert: its headline, what it says below, a small reference line under that, the
+// buttons in order, the one Return presses, and its icon.
+struct Alert
+{
+    enum class Kind { information, warning, question };
+    QString message{};
+    QString informative{};
+    QStringList buttons{};
+    int defaultButton = 0;
+    QString reference{};
+    Kind kind = Kind::information;
+};
+
+// Alerts that wait for their answer: 1000 for the first button, 1001 for the second.
 class Alerts
 {
 public:
     virtual ~Alerts() = default;
-    virtual int runModal(const QString &message, const QString &informative, const QStringList &buttons,
-                         int defaultButton = 0) = 0;
+    virtual int runModal(const Alert &alert) = 0;
 };
 
 // The rest of the desktop the watcher and the shell need.

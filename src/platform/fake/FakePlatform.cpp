@@ -68,12 +68,12 @@ class FakeAlerts : public Alerts
 {
 public:
     explicit FakeAlerts(FakePlatformState &s) : s(s) {}
-    int runModal(const QString &message, const QString &informative, const QStringList &buttons, int defaultButton) override
+    int runModal(const Alert &alert) override
     {
-        s.alerts.append({message, informative, buttons, defaultButton});
+        s.alerts.append(alert);
         if (s.duringAlert)
             s.duringAlert();
-        return s.alertAnswers.isEmpty() ? 1000 + defaultButton : s.alertAnswers.takeFirst();
+        return s.alertAnswers.isEmpty() ? 1000 + alert.defaultButton : s.alertAnswers.takeFirst();
     }
     FakePlatformState &s;
 };

@@ -20,7 +20,7 @@ struct FakePlatformState
     QList<bool> trustedPrompts;
     std::function<void()> permissionChanged;
     int eventTaps = 0;
-    struct Alert { QString message; QString informative; QStringList buttons; int defaultButton = 0; };
+    using Alert = ::Alert;
     QList<Alert> alerts;
     QList<int> alertAnswers; // taken in order; the default button's (Return) when empty
     std::function<void()> duringAlert; // runs while an alert is up, as a modal one lets events run

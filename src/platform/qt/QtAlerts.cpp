@@ -4,7 +4,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 
-int QtAlerts::runModal(const QString &message, const QString &informative, const QStringList &buttons, int defaultButton)
+int QtAlerts::runModal(const Alert &alert)
 {
     QMessageBox box;
     // Shown over the user's work without taking the keyboard from it: a Return typed on
@@ -15,13 +15,22 @@ int QtAlerts::runModal(const QString &message, const QString &informative, const
     // Above the progress window, which is raised with every report.
     box.setWindowFlag(Qt::WindowStaysOnTopHint);
     box.setWindowTitle(QStringLiteral(KX_APP_DISPLAY_NAME));
-    box.setText(message);
-    box.setInformativeText(informative);
+    box.setIcon(alert.kind == Alert::Kind::warning    ? QMessageBox::Warning
+                : alert.kind == Alert::Kind::question ? QMessageBox::Question
+                                                      : QMessageBox::Information);
+    box.setText(alert.message);
+    box.setTextFormat(Qt::PlainText);
+    if (alert.reference.isEmpty()) {
+        box.setInformativeText(alert.informative.toHtmlEscaped().replace(QLatin1Char('\n'), QLatin1String("<br>")));
+    } else {
+        box.setInformativeText(alert.informative.toHtmlEscaped().replace(QLatin1Char('\n'), QLatin1String("<br>"))
+                               + QStringLiteral("<p><small>%1</small></p>").arg(alert.reference.toHtmlEscaped()));
+    }
     QList<QAbstractButton *> added;
-    for (const QString &title : buttons)
+    for (const QString &title : alert.buttons)
         added.append(box.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole));
-    if (defaultButton >= 0 && defaultButton < added.size())
-        box.setDefaultButton(qobject_cast<QPushButton *>(added.at(defaultButton)));
+    if (alert.defaultButton >= 0 && alert.defaultButton < added.size())
+        box.setDefaultButton(qobject_cast<QPushButton *>(added.at(alert.defaultButton)));
     QEventLoop loop;
     QObject::connect(&box, &QDialog::finished, &loop, &QEventLoop::quit);
     box.show();

@@ -5,5 +5,5 @@
 class QtAlerts : public Alerts
 {
 public:
-    int runModal(const QString &message, const QString &informative, const QStringList &buttons, int defaultButton) override;
+    int runModal(const Alert &alert) override;
 };
