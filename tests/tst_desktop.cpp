@@ -27,6 +27,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QLocale>
+#include <QFileDialog>
 #include <QMessageBox>
 #include <QProcess>
 #include <QProgressBar>
@@ -967,6 +968,7 @@ void TestDesktop::typedFolder_data()
     QTest::newRow("a full path, a slash at its end") << "/a/b/pasted/" << "a/b/pasted";
     QTest::newRow("a name in the start folder") << "a" << "a";
     QTest::newRow("a path from the start folder") << "a/b" << "a/b";
+    QTest::newRow("a folder not made yet, made") << "/a/new/deeper" << "a/new/deeper";
 }
 
 void TestDesktop::typedFolder()
@@ -980,10 +982,15 @@ void TestDesktop::typedFolder()
     if (typed.startsWith('/'))
         typed.prepend(root.path());
     QTimer::singleShot(0, [&] {
-        QWidget *dialog = QApplication::activeModalWidget();
+        auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
         auto *field = dialog ? dialog->findChild<QLineEdit *>("fileNameEdit") : nullptr;
-        QVERIFY(field);
+        QVERIFY(field && dialog->labelText(QFileDialog::Accept) == "Paste here"
+                && dialog->sidebarUrls().value(0) == QUrl::fromLocalFile(QDir::homePath()));
         QTest::keyClicks(field, typed);
+        QTimer::singleShot(0, [] { // asked whether to make it: its default, Make the folder
+            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget()))
+                box->defaultButton()->click();
+        });
         QTest::keyClick(field, Qt::Key_Return);
     });
     QtFolderChooser chooser;

@@ -212,6 +212,22 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
         <translation>将 %1（%2）粘贴到…</translation>
     </message>
     <message>
+        <source>Paste here</source>
+        <translation>粘贴到这里</translation>
+    </message>
+    <message>
+        <source>The folder “%1” does not exist. Make it, and paste there?</source>
+        <translation>文件夹“%1”不存在。要创建它并粘贴到那里吗？</translation>
+    </message>
+    <message>
+        <source>Make the folder</source>
+        <translation>创建文件夹</translation>
+    </message>
+    <message>
+        <source>The folder “%1” could not be made.</source>
+        <translation>无法创建文件夹“%1”。</translation>
+    </message>
+    <message>
         <source>Paste %1 into…</source>
         <translation>将 %1 粘贴到…</translation>
     </message>
