@@ -735,6 +735,10 @@ void TestDesktop::endTexts_data()
     QTest::newRow("success, one renamed, two skipped") << true << renamed
         << "1 file (" + kB + ") was saved in “Downloads”.\nOne got a new name, as a file of the same name was already there.\n"
            "2 files were skipped: the ones you had stay as they were.";
+    PasteReport skipped = report(Why::none, 0);
+    skipped.filesSkipped = 3;
+    QTest::newRow("success, every name taken and skipped") << true << skipped << "Nothing new was saved in “Downloads”: every name was "
+        "already taken there.\n3 files were skipped: the ones you had stay as they were.";
     QTest::newRow("stopped") << false << report(Why::stopped, 2)
         << "You stopped the paste while “Project/big.mp4” was being received.\n2 files were saved in “Downloads” before the paste "
            "ended; no half-written file was left.";

@@ -418,6 +418,11 @@ void TestPaste::conflicts()
         QVERIFY(h.serve({{1, "new-a"}, {2, "new-b"}}));
     QVERIFY(h.lastEnd(!cancelled, cancelled ? PastedError::cancelDownload : PastedError::noError));
     QCOMPARE(treeOf(h.dest), tree);
+    if (answer == int(ConflictChoice::skip) && holds == "a file and its (2)") { // every name taken, all skipped: said
+        const qsizetype before = h.ends.size();
+        QVERIFY(h.pasteOf({descriptor("b.txt", 5)}) && h.ends.size() == before + 1 && h.lastEnd(true, PastedError::noError));
+        QVERIFY(h.engine->lastPasteReport().filesSkipped == 1 && !h.nextQuery(0));
+    }
     if (holds != "nothing")
         return;
     // A remote name of the temporaries' form is saved under a free one, and stays.

@@ -105,6 +105,10 @@
         <translation>%1 显示的是远程桌面上的文件本身，无法粘贴到那里。请选择其他文件夹。</translation>
     </message>
     <message>
+        <source>Nothing new was saved in %1: every name was already taken there.</source>
+        <translation>%1 中没有保存新的文件：所有名称都已被占用。</translation>
+    </message>
+    <message>
         <source>The remote desktop stopped answering for a minute while %1 was being received.</source>
         <translation>接收 %1 时，远程桌面已有一分钟没有响应。</translation>
     </message>

@@ -68,7 +68,9 @@ QString PasteEndText::text(bool success, const PasteReport &r)
 {
     const QString folder = quoted(QDir(r.folder).dirName());
     QStringList lines;
-    if (success) {
+    if (success && r.filesSaved == 0 && r.filesSkipped) {
+        lines << tr("Nothing new was saved in %1: every name was already taken there.").arg(folder);
+    } else if (success) {
         lines << (r.filesSaved == 1 ? tr("1 file (%1) was saved in %2.").arg(size(r.bytesSaved), folder)
                                     : tr("%1 files (%2) were saved in %3.").arg(r.filesSaved).arg(size(r.bytesSaved), folder));
         if (r.filesRenamed)

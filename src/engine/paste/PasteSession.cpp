@@ -269,6 +269,8 @@ void PasteSession::indexDuplicates()
 void PasteSession::downloadNextFile()
 {
     qCInfo(lcEngine).noquote() << "开始启动下载loop";
+    if (m_files.empty() && m_skipped) // every name taken, and kept: said, as any other end
+        return finishPaste();
     if (m_files.empty()) {
         // Only folders: nothing to fetch, and nothing to report.
         qCInfo(lcEngine).noquote() << "所有文件下载完成";
