@@ -499,6 +499,8 @@ void TestDesktop::windowAndAlerts()
     QVERIFY(controller->size().expandedTo({400, 200}) == controller->size() && fits());
     QCOMPARE(controller->progressIndicator()->value(), 8738);
     QVERIFY(log.contains("Progress: 0.8738133333333333")); // every digit, as a double reads back
+    QVERIFY(controller->detailLabels().last()->text() != "Waiting for the remote desktop…"); // no bytes for a while: said
+    QTRY_COMPARE_WITH_TIMEOUT(controller->detailLabels().last()->text(), "Waiting for the remote desktop…", 15000);
     // The speed of the last five seconds, from one second on: 10 MB/s, then 1 MB/s alone.
     TransferRate rate;
     for (std::int64_t ms = 0; ms <= 10000; ms += 500) {

@@ -286,6 +286,10 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
 <context>
     <name>ViewController</name>
     <message>
+        <source>Waiting for the remote desktop…</source>
+        <translation>正在等待远程桌面…</translation>
+    </message>
+    <message>
         <source>Stop</source>
         <translation>停止</translation>
     </message>

@@ -47,6 +47,13 @@ ViewController::ViewController(Platform &platform, EngineContext engineContext, 
     m_folder = new QLabel(this);
     m_count = new QLabel(this);
     m_rate = new QLabel(this);
+    m_quiet = new QTimer(this);
+    m_quiet->setSingleShot(true);
+    m_quiet->setInterval(quietMs);
+    connect(m_quiet, &QTimer::timeout, this, [this] {
+        if (m_pasting)
+            setElided(m_rate, tr("Waiting for the remote desktop…"), Qt::ElideRight);
+    });
     m_progressIndicator = new QProgressBar(this);
     m_stopBtn = new QPushButton(tr("Stop"), this);
     connect(m_stopBtn, &QPushButton::clicked, this, &ViewController::clickStopPasteBtn);
@@ -192,6 +199,7 @@ void ViewController::handlePasteProgress(double progress)
         m_stopBtn->setHidden(false);
         setBarValue(progress);
         showFigures(figures, progress);
+        m_quiet->start();
         qCInfo(lcDesktop).noquote().nospace() << "Progress: " << kx::decimalText(progress);
     }, Qt::QueuedConnection);
 }
@@ -222,6 +230,7 @@ void ViewController::showEnd(bool success, const QString &message, const QString
                              const QString &outcome)
 {
     m_pasting = false;
+    m_quiet->stop();
     ++m_ends;
     m_stopBtn->setEnabled(false);
     setElided(m_rate, outcome, Qt::ElideRight);

@@ -6,6 +6,7 @@
 
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QTimer>
 #include <QWidget>
 
 #include <cstdint>
@@ -81,5 +82,8 @@ private:
     bool m_pasting = false; // from a paste's first report to its end
     int m_ends = 0;         // pastes ended: a question answered after the end stops nothing
     QElapsedTimer m_clock;
+    // No bytes for this long: the window says that the remote desktop is waited for.
+    static constexpr int quietMs = 3000;
+    QTimer *m_quiet = nullptr;
     TransferRate m_speed;
 };
