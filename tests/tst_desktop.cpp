@@ -114,6 +114,7 @@ private slots:
     void alertHeadline();
     void pasteThroughCtrlV();
     void strayCtrlV();
+    void chooseAnotherFolder();
     void endTexts_data();
     void endTexts();
     void conflictQuestion_data();
@@ -687,6 +688,28 @@ void TestDesktop::strayCtrlV()
         QCOMPARE(sink.sent.size(), answers.isEmpty() ? 0 : 1); // the newer copy's list, asked for a paste
         QCOMPARE(controller->watcher()->clipManager()->runningPaste(), ClipBoardManager::RunningPaste::olderCopy);
     }
+}
+
+// A paste that does not fit: its alert offers another folder, which pastes the same copy.
+void TestDesktop::chooseAnotherFolder()
+{
+    QTemporaryDir dest;
+    start({});
+    auto *chooser = new ScriptedChooser;
+    chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
+    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+    files.freeSpaceQuery = [](const QString &) { return std::optional<std::uint64_t>(5); };
+    const auto room = qScopeGuard([this] { files.freeSpaceQuery = nullptr; });
+    sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList));
+    FileSDK::MacCliprdrFormatDataResponse list;
+    *list.add_filedes() = descriptor("big", 300000);
+    state.alertAnswers = {1001};
+    state.press(true, "v");
+    sink.deliver(kx::encodeFrame(list, FrameType::formatDataResponse));
+    QTRY_COMPARE(state.alerts.size(), 1);
+    QCOMPARE(state.alerts.first().buttons, (QStringList{"ok", "Choose another folder…"}));
+    QTRY_COMPARE(sink.sent.size(), 2); // the list asked for again, for the folder chosen next
+    QCOMPARE(sink.sent.last().back(), char(FrameType::formatDataRequest));
 }
 
 // The end alert's headline: the words under any locale but Chinese, with the described

@@ -286,6 +286,10 @@ Folders are never replaced: the pasted ones are merged into yours.</source>
 <context>
     <name>ViewController</name>
     <message>
+        <source>Choose another folder…</source>
+        <translation>选择其他文件夹…</translation>
+    </message>
+    <message>
         <source>Waiting for the remote desktop…</source>
         <translation>正在等待远程桌面…</translation>
     </message>

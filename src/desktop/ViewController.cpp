@@ -250,13 +250,22 @@ void ViewController::showAlert(bool success, const QString &message, const QStri
     alert.kind = success ? Alert::Kind::information : Alert::Kind::warning;
     if (saved)
         alert.buttons << tr("Open folder");
+    // Where the folder was the trouble, the same copy is a choice of folder away.
+    using Why = PasteReport::Why;
+    const bool otherFolder = !success && (report.why == Why::notEnoughSpace || report.why == Why::diskFull
+                                          || report.why == Why::noPermission || report.why == Why::insideRemoteFiles);
+    if (otherFolder)
+        alert.buttons << tr("Choose another folder…");
     if (QLocale().language() != QLocale::Chinese && !informative.isEmpty()) {
         alert.message = informative.section(QLatin1Char('\n'), 0, 0);
         alert.informative = informative.section(QLatin1Char('\n'), 1);
         alert.reference = message;
     }
-    if (m_platform.alerts->runModal(alert) == 1001 && saved)
+    const int answer = m_platform.alerts->runModal(alert);
+    if (answer == 1001 && saved)
         m_platform.services->openUrl(QUrl::fromLocalFile(report.folder));
+    else if (answer == 1000 + alert.buttons.size() - 1 && otherFolder)
+        m_watcher->paste();
 }
 
 void ViewController::clickStopPasteBtn()
