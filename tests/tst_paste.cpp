@@ -66,6 +66,7 @@ private slots:
     void chooserGuardsAndStrayReplies();
     void onePasteAtATime();
     void newerCopyWhileChoosing();
+    void readOnlyFolder();
     void window_data();
     void window();
     void windowShortAndEmptyReplies();
@@ -658,6 +659,22 @@ void TestPaste::newerCopyWhileChoosing()
     QVERIFY(!h.nextFrame(0) && treeOf(h.dest).isEmpty());
     h.chooser->whileOpen = [&] { QVERIFY(h.newerCopy({descriptor("a", 3, 0x80, 1)})); };
     QVERIFY(h.pasteAll({descriptor("a", 3, 0x80, 1)}, {{0, "abc"}}) && h.lastEnd(true, PastedError::noError));
+}
+
+// A folder that cannot be written, a folder of the paste among its files: the reason told
+// is the system's, not one that a later call left behind.
+void TestPaste::readOnlyFolder()
+{
+    EngineHarness h;
+    const QByteArray dest = QFile::encodeName(h.dest);
+    if (::mount("tmpfs", dest.constData(), "tmpfs", MS_RDONLY, "size=1m") != 0)
+        QSKIP("a file system of the test's own needs root");
+    const auto unmount = qScopeGuard([&] { ::umount2(dest.constData(), MNT_DETACH); });
+    QVERIFY(h.pasteOf({descriptor("docs", 0, 0x10), descriptor("docs\\a.txt", 5)}));
+    QTRY_VERIFY(h.lastEnd(false, PastedError::saveError));
+    const PasteReport report = h.engine->lastPasteReport();
+    QCOMPARE(report.detail, QString::fromLocal8Bit(std::strerror(EROFS)));
+    QVERIFY(report.why == PasteReport::Why::noPermission && report.file == "docs/a.txt");
 }
 
 void TestPaste::window_data()

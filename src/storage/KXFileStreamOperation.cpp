@@ -180,8 +180,14 @@ UniqueFd KXFileStreamOperation::createFolder(const QString &windowsPath, const Q
             qCInfo(lcStream).noquote().nospace() << "文件夹已经存在:" << shown;
         } else if (errno == ENOENT) {
             qCInfo(lcStream).noquote().nospace() << "文件夹不存在需要创建这个文件夹:" << shown;
-            if (::mkdirat(folder.get(), name.constData(), 0755) != 0 && errno != EEXIST)
-                qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << std::strerror(errno) << ": " << shown;
+            if (::mkdirat(folder.get(), name.constData(), 0755) != 0 && errno != EEXIST) {
+                // The folder's own error is the reason: an open of what was not made would
+                // only say that it is not there.
+                const int error = errno;
+                qCInfo(lcStream).noquote().nospace() << "创建文件夹失败:" << std::strerror(error) << ": " << shown;
+                errno = error;
+                return {};
+            }
             next.reset(::openat(folder.get(), name.constData(), folderFlags));
         } else {
             // A link (to a folder or not) or a file: never walked through, never replaced.
@@ -254,10 +260,12 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
     // Every folder of the path is opened beneath the base without following a link, so
     // a link already in the chosen folder can never carry a write outside it.
     UniqueFd folder = parts.isEmpty() ? UniqueFd() : createFolder(path, base);
+    int error = errno; // what the caller is told: the log lines below may change errno
     const QString fullPath = getFullPathWithWindowsPath(path, base);
     qCInfo(lcStream).noquote().nospace() << "将要创建这个文件path：" << fullPath;
     if (!folder.valid()) {
         qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
+        errno = error;
         return nullptr;
     }
     // Whatever has the name now stays as it is until the new file is complete.
@@ -271,7 +279,9 @@ std::unique_ptr<KXFileStreamOperation> KXFileStreamOperation::initFileOperationA
                            O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
     struct stat made {};
     if (!file.valid() || ::fstat(file.get(), &made) != 0) {
+        error = errno;
         qCInfo(lcStream).noquote().nospace() << "文件不存在：" << fullPath;
+        errno = error;
         return nullptr;
     }
     // Journaled before its first byte: only a file the journal names is ever cleaned up.
