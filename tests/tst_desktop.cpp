@@ -760,6 +760,10 @@ void TestDesktop::endTexts_data()
     QTest::newRow("success, one renamed, two skipped") << true << renamed
         << "1 file (" + kB + ") was saved in “Downloads”.\nOne got a new name, as a file of the same name was already there.\n"
            "2 files were skipped: the ones you had stay as they were.";
+    PasteReport replaced = report(Why::none, 3);
+    replaced.filesReplaced = 2;
+    QTest::newRow("success, two replaced") << true << replaced << "3 files (" + QLocale().formattedDataSize(6000) + ") were saved in “Downloads”.\n"
+        "2 replaced the files of the same names that were there.";
     PasteReport skipped = report(Why::none, 0);
     skipped.filesSkipped = 3;
     QTest::newRow("success, every name taken and skipped") << true << skipped << "Nothing new was saved in “Downloads”: every name was "

@@ -419,6 +419,8 @@ void TestPaste::conflicts()
         QVERIFY(h.serve({{1, "new-a"}, {2, "new-b"}}));
     QVERIFY(h.lastEnd(!cancelled, cancelled ? PastedError::cancelDownload : PastedError::noError));
     QCOMPARE(treeOf(h.dest), tree);
+    const bool replaces = answer == int(ConflictChoice::replace) && (holds.startsWith("a file and") || holds == "a link");
+    QCOMPARE(h.engine->lastPasteReport().filesReplaced, std::uint64_t(replaces)); // a folder in the way is never counted
     if (answer == int(ConflictChoice::skip) && holds == "a file and its (2)") { // every name taken, all skipped: said
         const qsizetype before = h.ends.size();
         QVERIFY(h.pasteOf({descriptor("b.txt", 5)}) && h.ends.size() == before + 1 && h.lastEnd(true, PastedError::noError));

@@ -109,6 +109,14 @@
         <translation>%1 中没有保存新的文件：所有名称都已被占用。</translation>
     </message>
     <message>
+        <source>One replaced the file of the same name that was there.</source>
+        <translation>其中 1 个替换了原有的同名文件。</translation>
+    </message>
+    <message>
+        <source>%1 replaced the files of the same names that were there.</source>
+        <translation>其中 %1 个替换了原有的同名文件。</translation>
+    </message>
+    <message>
         <source>The remote desktop stopped answering for a minute while %1 was being received.</source>
         <translation>接收 %1 时，远程桌面已有一分钟没有响应。</translation>
     </message>

@@ -73,6 +73,9 @@ QString PasteEndText::text(bool success, const PasteReport &r)
     } else if (success) {
         lines << (r.filesSaved == 1 ? tr("1 file (%1) was saved in %2.").arg(size(r.bytesSaved), folder)
                                     : tr("%1 files (%2) were saved in %3.").arg(r.filesSaved).arg(size(r.bytesSaved), folder));
+        if (r.filesReplaced)
+            lines << (r.filesReplaced == 1 ? tr("One replaced the file of the same name that was there.")
+                                           : tr("%1 replaced the files of the same names that were there.").arg(r.filesReplaced));
         if (r.filesRenamed)
             lines << (r.filesRenamed == 1 ? tr("One got a new name, as a file of the same name was already there.")
                                           : tr("%1 got new names, as files of the same names were already there.").arg(r.filesRenamed));

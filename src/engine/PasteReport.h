@@ -33,6 +33,7 @@ struct PasteReport
     std::uint64_t filesSaved = 0, bytesSaved = 0;
     std::uint64_t filesSkipped = 0; // names taken, and the user's files kept
     std::uint64_t filesRenamed = 0; // names taken, and both kept
+    std::uint64_t filesReplaced = 0; // names taken, and the user's files replaced
     std::uint64_t filesTotal = 0, bytesTotal = 0;
     std::uint64_t bytesNeeded = 0, bytesFree = 0;
 };

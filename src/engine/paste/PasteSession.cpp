@@ -21,6 +21,7 @@
 #include <cstring>
 #include <functional>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -363,7 +364,7 @@ void PasteSession::end(bool success, PastedError error, PasteReport::Why why, co
     report.why = why, report.folder = m_pasteBasePath, report.detail = detail;
     report.file = file.isEmpty() && !m_active.empty() ? shownName(m_active.front()) : file;
     report.filesSaved = m_filesSaved, report.bytesSaved = m_bytesSaved;
-    report.filesSkipped = m_skipped, report.filesRenamed = m_filesRenamed;
+    report.filesSkipped = m_skipped, report.filesRenamed = m_filesRenamed, report.filesReplaced = m_filesReplaced;
     report.filesTotal = m_files.size() + m_skipped, report.bytesTotal = m_downloadTotalSize;
     report.bytesNeeded = m_downloadTotalSize, report.bytesFree = m_bytesFree;
     m_replyTimer.stop();
@@ -591,6 +592,9 @@ bool PasteSession::finishCurrentFile(FileTask &file)
     const auto time = lastWriteTime(file.descriptor);
     if (time && !setModificationTime(file.out->writeDescriptor(), *time))
         qCInfo(lcEngine).noquote().nospace() << "could not set the modification time of " << file.out->filePath;
+    struct stat taken {};
+    const bool replacing = m_replaceExisting
+        && ::fstatat(file.out->folderDescriptor(), QFile::encodeName(file.out->fileName).constData(), &taken, AT_SYMLINK_NOFOLLOW) == 0;
     const std::optional<QString> placed = file.out->commit(m_replaceExisting);
     if (!placed) {
         endOnLocalError(errno, shownName(file));
@@ -601,6 +605,7 @@ bool PasteSession::finishCurrentFile(FileTask &file)
         ++m_filesRenamed;
     }
     ++m_filesSaved;
+    m_filesReplaced += replacing && *placed == file.out->filePath;
     m_bytesSaved += file.size;
     file.out.reset(); // closes the file
     return true;

@@ -161,7 +161,7 @@ private:
     QHash<QString, QString> m_renamedFolders; // a folder of the paste whose name a file has
     QSet<QString> m_cleanedFolders;           // folders already rid of what crashed pastes left
     std::size_t m_skipped = 0;
-    std::uint64_t m_filesSaved = 0, m_bytesSaved = 0, m_filesRenamed = 0;
+    std::uint64_t m_filesSaved = 0, m_bytesSaved = 0, m_filesRenamed = 0, m_filesReplaced = 0;
     std::uint64_t m_bytesFree = 0;
     // Told false when the session goes: a modal question runs the event loop, and a newer
     // paste may replace this one meanwhile.
