@@ -618,6 +618,7 @@ void TestDesktop::pasteThroughCtrlV()
     serve(dest, 3, QString(120, 'n'), 1001); // the × at the first report: asked, and the paste went on
     QVERIFY(log.contains("当前的百分比：1.0") && log.contains("Progress: 1.0") && state.alerts.first().message == "Stop this paste?"
             && state.alerts.first().defaultButton == 1); // Return keeps the paste going
+    QVERIFY(controller->detailLabels().first()->toolTip().startsWith(QString(120, 'n'))); // cut, and whole in its tooltip
     QVERIFY2(shown.at(1).section('|', 2, 2).startsWith("nnnn") && shown.at(1).contains(QChar(0x2026))
              && shown.last().contains("|File 3 of 3 — "), qPrintable(shown.join('\n')));
     // The alert says what was saved and where, and opens the folder on request.

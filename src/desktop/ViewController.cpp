@@ -22,9 +22,22 @@ namespace {
 constexpr int barSteps = 10000; // the bar is integer; the fraction maps onto this many steps
 constexpr int cornerGap = 48;   // between the window and the screen's corner, its frame included
 
-void setElided(QLabel *label, const QString &text, Qt::TextElideMode mode)
+// A text cut to its label's width, whole in its tooltip. A path is cut in its folders
+// first: the file's name is what the user looks for.
+void setElided(QLabel *label, const QString &text, Qt::TextElideMode mode, bool path = false)
 {
-    label->setText(label->fontMetrics().elidedText(text, mode, label->contentsRect().width()));
+    const QFontMetrics metrics = label->fontMetrics();
+    const int width = label->contentsRect().width();
+    QString shown = metrics.elidedText(text, mode, width);
+    const qsizetype slash = path ? text.lastIndexOf(QLatin1Char('/')) : -1;
+    if (shown != text && slash > 0) {
+        const QString name = text.mid(slash);
+        const int room = width - metrics.horizontalAdvance(name);
+        if (room > metrics.horizontalAdvance(QStringLiteral("……")))
+            shown = metrics.elidedText(text.left(slash), Qt::ElideLeft, room) + name;
+    }
+    label->setText(shown);
+    label->setToolTip(shown == text ? QString() : text);
 }
 
 } // namespace
@@ -160,7 +173,7 @@ void ViewController::showFigures(const Figures &figures, double progress)
     const QLocale locale;
     setWindowTitle(tr("%1% — Receiving files").arg(int(std::clamp(progress, 0.0, 1.0) * 100)));
     m_speed.add(m_clock.elapsed(), figures.saved);
-    setElided(m_file, figures.path, Qt::ElideMiddle);
+    setElided(m_file, figures.path, Qt::ElideMiddle, true);
     setElided(m_folder, figures.folder.isEmpty() ? QString() : tr("to %1").arg(figures.folder), Qt::ElideMiddle);
     setElided(m_count,
               tr("File %1 of %2 — %3 of %4")
