@@ -130,6 +130,7 @@ private slots:
 
 private:
     void start(const QStringList &extra = {});
+    void chooseFolder(const QTemporaryDir &dest);
     void serve(const QTemporaryDir &dest, int files, const QString &stem, int closing = 0);
     QString lines() const;
     bool fits() const;
@@ -544,11 +545,17 @@ void TestDesktop::windowAndAlerts()
 // The remote side's part of a paste of these files, each of 300000 bytes, into dest:
 // the list offered, every query answered. closing: the answer to the window's × at the
 // first report (0: not pressed).
-void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &stem, int closing)
+// The folder chooser answers with this folder from now on.
+void TestDesktop::chooseFolder(const QTemporaryDir &dest)
 {
     auto *chooser = new ScriptedChooser;
     chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
-    this->files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+}
+
+void TestDesktop::serve(const QTemporaryDir &dest, int files, const QString &stem, int closing)
+{
+    chooseFolder(dest);
     FileSDK::MacCliprdrFormatDataResponse list;
     for (int i = 0; i < files; ++i)
         *list.add_filedes() = descriptor(stem + QString::number(i), 300000);
@@ -661,9 +668,7 @@ void TestDesktop::strayCtrlV()
 {
     QTemporaryDir dest;
     start({});
-    auto *chooser = new ScriptedChooser;
-    chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
-    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+    chooseFolder(dest);
     const auto remoteCopy = [&] { sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList)); };
     FileSDK::MacCliprdrFormatDataResponse list;
     *list.add_filedes() = descriptor("big", 3 * 262144);
@@ -696,9 +701,7 @@ void TestDesktop::chooseAnotherFolder()
 {
     QTemporaryDir dest;
     start({});
-    auto *chooser = new ScriptedChooser;
-    chooser->answer = FolderChoice{true, QUrl::fromLocalFile(dest.path())};
-    files.setFolderChooser(std::unique_ptr<FolderChooser>(chooser));
+    chooseFolder(dest);
     files.freeSpaceQuery = [](const QString &) { return std::optional<std::uint64_t>(5); };
     const auto room = qScopeGuard([this] { files.freeSpaceQuery = nullptr; });
     sink.deliver(kx::encodeFrame(kx::makeFileFormatList(kx::makeHeader(3, 2, 0, 7)), FrameType::formatList));
