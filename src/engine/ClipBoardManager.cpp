@@ -178,11 +178,11 @@ void ClipBoardManager::handleFormListRespose(const QByteArray &payload)
     m_pasteStatus = PasteStatus::start;
     setFormList(kx::parseMessage<FileSDK::CliprdrFormatList>(payload));
     qCInfo(lcEngine).noquote() << "windwos 按下 ctrol+ c handleFormListRespose";
-    if (offersFiles(m_formList))
-        emit remoteFilesAnnounced();
     // Queries name no copy: from now on the remote side answers from its newer files. A copy
     // of text leaves them as they were.
     const bool newerFiles = offersFiles(m_formList);
+    if (newerFiles)
+        emit remoteFilesAnnounced();
     m_copySerial += newerFiles;
     const bool older = pasteRunning() || m_pending || (servesFiles() && m_files->copies() > 0);
     if (newerFiles && older)

@@ -198,11 +198,8 @@ void PasteSession::resolveConflicts()
             // A file or a link where the paste needs a folder: the paste's folder gets a free name.
             const QStringList parts = kx::remoteComponents(QString::fromStdString(d->cfilename()));
             const QString key = parts.first(conflict.depth + 1).join(QLatin1Char('/'));
-            for (int number = 2; !m_renamedFolders.contains(key); ++number) {
-                const QString candidate = kx::numberedName(parts.at(conflict.depth), number, true);
-                if (kx::existingTarget(m_pasteBasePath, parts.first(conflict.depth) << candidate).what == kx::Existing::nothing)
-                    m_renamedFolders.insert(key, candidate);
-            }
+            if (!m_renamedFolders.contains(key))
+                m_renamedFolders.insert(key, freeName(parts.first(conflict.depth + 1), true));
         }
         if (!skipped.empty()) {
             std::size_t kept = 0;
@@ -234,6 +231,18 @@ void PasteSession::checkSpace()
         return end(false, PastedError::saveError, PasteReport::Why::notEnoughSpace);
     }
     downloadNextFile();
+}
+
+// "name (k)" for the last of the path beneath the chosen folder, with the first k from 2
+// that nothing has there.
+QString PasteSession::freeName(QStringList parts, bool folder) const
+{
+    const QString name = parts.last();
+    for (int number = 2;; ++number) {
+        parts.last() = kx::numberedName(name, number, folder);
+        if (kx::existingTarget(m_pasteBasePath, parts).what == kx::Existing::nothing)
+            return parts.last();
+    }
 }
 
 // The remote name with the folders that had to be given free names renamed.
@@ -404,9 +413,7 @@ void PasteSession::startCurrentFile(std::size_t index)
     // A name of the form of our temporaries is given a free one: a temporary of this paste
     // could otherwise be replaced by it, or it taken for one.
     if (QStringList parts = kx::remoteComponents(staged); !parts.isEmpty() && parts.last().startsWith(kx::partialPrefix)) {
-        const QString remote = parts.last();
-        for (int number = 2; number == 2 || kx::existingTarget(m_pasteBasePath, parts).what != kx::Existing::nothing; ++number)
-            parts.last() = kx::numberedName(remote, number);
+        parts.last() = freeName(parts, false);
         staged = parts.join(QLatin1Char('\\'));
         qCInfo(lcEngine).noquote().nospace() << "a remote name of the form of an unfinished file is saved as " << parts.last();
     }

@@ -112,6 +112,7 @@ private:
     void resolveConflicts();
     void checkSpace();
     QString stagedName(const QString &remoteName) const;
+    QString freeName(QStringList parts, bool folder) const;
     QString shownName(const FileTask &file) const;
     void downloadNextFile();
     void pump();

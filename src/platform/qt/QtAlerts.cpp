@@ -20,12 +20,10 @@ int QtAlerts::runModal(const Alert &alert)
                                                       : QMessageBox::Information);
     box.setText(alert.message);
     box.setTextFormat(Qt::PlainText);
-    if (alert.reference.isEmpty()) {
-        box.setInformativeText(alert.informative.toHtmlEscaped().replace(QLatin1Char('\n'), QLatin1String("<br>")));
-    } else {
-        box.setInformativeText(alert.informative.toHtmlEscaped().replace(QLatin1Char('\n'), QLatin1String("<br>"))
-                               + QStringLiteral("<p><small>%1</small></p>").arg(alert.reference.toHtmlEscaped()));
-    }
+    QString informative = alert.informative.toHtmlEscaped().replace(QLatin1Char('\n'), QLatin1String("<br>"));
+    if (!alert.reference.isEmpty())
+        informative += QStringLiteral("<p><small>%1</small></p>").arg(alert.reference.toHtmlEscaped());
+    box.setInformativeText(informative);
     QList<QAbstractButton *> added;
     for (const QString &title : alert.buttons)
         added.append(box.addButton(title, added.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole));
